@@ -1,0 +1,10 @@
+# Compile options shared by every target of the project: warnings and the
+# sanitizer selected with KVT_SANITIZE. Applied per target, never globally.
+function(kvt_target_defaults target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(KVT_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${KVT_SANITIZE} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${KVT_SANITIZE})
+  endif()
+endfunction()

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds and runs the whole test suite.
+# KVT_SANITIZE selects a sanitizer flavour (see scripts/build.sh).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+builddir=$(bash scripts/build.sh | tail -n 1)
+args=(--test-dir "$builddir" --output-on-failure -j"$(nproc)")
+# The installed-library check links host programs without sanitizer runtimes.
+[ -n "${KVT_SANITIZE:-}" ] && args+=(-LE install)
+ctest "${args[@]}"

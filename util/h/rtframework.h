@@ -1,0 +1,13 @@
+// kvtframework: everything a host program uses, in one include.
+#ifndef RTFRAMEWORK_H
+#define RTFRAMEWORK_H
+
+#include "rtdefines.h"
+#include "rterror.h"
+#include "rttimevalue.h"
+#include "rttrace.h"
+#include "rtdebug.h"
+#include "rtmutex.h"
+#include "rtconditionvariable.h"
+
+#endif  // RTFRAMEWORK_H

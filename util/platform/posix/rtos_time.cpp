@@ -1,0 +1,60 @@
+// Identity, clocks and sleeping on POSIX.
+#include <errno.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "rtos.h"
+
+namespace rtos {
+
+uint32_t CurrentThreadId() {
+    // gettid() is a system call; a thread asks once and remembers.
+    static thread_local uint32_t t_tid = static_cast<uint32_t>(::syscall(SYS_gettid));
+    return t_tid;
+}
+
+uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
+
+uint32_t TickCount() {
+    struct timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+    return static_cast<uint32_t>(ms);
+}
+
+uint64_t SystemTimeAsFileTime() {
+    struct timespec ts;
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    const uint64_t kEpochDelta = 116444736000000000ull;  // 1601-01-01 to 1970-01-01
+    return static_cast<uint64_t>(ts.tv_sec) * 10000000u + static_cast<uint64_t>(ts.tv_nsec) / 100u +
+           kEpochDelta;
+}
+
+void SleepMs(uint32_t aMsec) {
+    struct timespec ts;
+    ts.tv_sec = aMsec / 1000;
+    ts.tv_nsec = static_cast<long>(aMsec % 1000) * 1000000L;
+    while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+void LocalCalendarTime(int64_t aSeconds, CalendarTime& aOut) {
+    time_t t = static_cast<time_t>(aSeconds);
+    struct tm tmv;
+    if (!::localtime_r(&t, &tmv)) {
+        aOut = CalendarTime{1970, 1, 1, 0, 0, 0};
+        return;
+    }
+    aOut.year = tmv.tm_year + 1900;
+    aOut.month = tmv.tm_mon + 1;
+    aOut.day = tmv.tm_mday;
+    aOut.hour = tmv.tm_hour;
+    aOut.minute = tmv.tm_min;
+    aOut.second = tmv.tm_sec;
+}
+
+int LastError() { return errno; }
+void SetLastError(int aErr) { errno = aErr; }
+
+}  // namespace rtos

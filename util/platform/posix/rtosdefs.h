@@ -1,0 +1,19 @@
+// Platform types that public headers hold by value (POSIX build).
+// Hosts never include this file directly; the framework's headers do.
+#ifndef RTOSDEFS_H
+#define RTOSDEFS_H
+
+#include <pthread.h>
+#include <sys/time.h>  // timeval
+#include <sys/uio.h>   // iovec: the system's own, so arrays go to readv/writev unchanged
+
+namespace rtos {
+
+// Storage of a re-entrant lock (a recursive pthread mutex).
+struct LockStorage {
+    pthread_mutex_t mutex;
+};
+
+}  // namespace rtos
+
+#endif  // RTOSDEFS_H
