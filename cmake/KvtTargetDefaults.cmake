@@ -7,4 +7,8 @@ function(kvt_target_defaults target)
                                              -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${KVT_SANITIZE})
   endif()
+  if(KVT_BUILD_FUZZ)
+    # Coverage feedback for libFuzzer from every target, the library included.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
 endfunction()
