@@ -9,5 +9,6 @@
 #include "rtdebug.h"
 #include "rtmutex.h"
 #include "rtconditionvariable.h"
+#include "rtutiltemplates.h"
 
 #endif  // RTFRAMEWORK_H
