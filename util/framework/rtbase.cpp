@@ -8,6 +8,17 @@ const CRtTimeValue CRtTimeValue::s_tvZero;
 const CRtTimeValue CRtTimeValue::s_tvMax(0x7FFFFFFFL, 999999L);
 
 void CRtTimeValue::Set(double aSec) {
+    // Converting a double outside the 32-bit range is undefined; such values
+    // saturate instead (and NaN gives zero).
+    if (!(aSec > -2147483649.0 && aSec < 2147483648.0)) {
+        if (aSec > 0) {
+            *this = s_tvMax;
+        } else {
+            m_lSec = aSec < 0 ? INT32_MIN : 0;
+            m_lUsec = 0;
+        }
+        return;
+    }
     m_lSec = static_cast<int32_t>(aSec);
     m_lUsec = static_cast<int32_t>((aSec - m_lSec) * 1000000.0);
     Normalize();
@@ -20,4 +31,6 @@ CRtTimeValue CRtTimeValue::GetTimeOfDay() {
                         static_cast<long>((units % 10000000u) / 10u));
 }
 
-uint64_t GetTickCountEx() { return rtos::TickCount(); }
+uint64_t GetTickCountEx() {
+    return rtos::TickCount();
+}

@@ -63,15 +63,20 @@ private:
 // handle is closed by its one owner.
 class RT_API CRtEventThread {
 public:
-    explicit CRtEventThread(int aManualReset = 0, int aInitialState = 0, const char* aName = nullptr);
+    explicit CRtEventThread(int aManualReset = 0, int aInitialState = 0,
+                            const char* aName = nullptr);
     ~CRtEventThread();
 
-    // Null waits without limit; a negative time-out checks once.
+    // Null waits without limit; a negative time-out checks once. The limit is
+    // taken in milliseconds as a signed 32-bit number, so one past about 24.8
+    // days wraps: pass null, not a huge value, to wait for ever.
     // RT_OK, RT_ERROR_TIMEOUT or RT_ERROR_FAILURE.
     int Wait(CRtTimeValue* aTimeout = nullptr);
     int Signal();
     // Releases the current waiters (one, for auto-reset) and leaves it not signalled.
     int Pulse();
+
+    void* GetHandle() const { return m_hEvent; }
 
 private:
     CRtEventThread(const CRtEventThread&) = delete;

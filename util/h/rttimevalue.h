@@ -26,7 +26,9 @@ public:
         m_lUsec = static_cast<int32_t>(aUsec);
         Normalize();
     }
-    void Set(const timeval& aTv) { Set(static_cast<long>(aTv.tv_sec), static_cast<long>(aTv.tv_usec)); }
+    void Set(const timeval& aTv) {
+        Set(static_cast<long>(aTv.tv_sec), static_cast<long>(aTv.tv_usec));
+    }
     void Set(double aSec);
     // No normalisation is needed: the quotient and remainder share the sign.
     void SetByTotalMsec(long aMsec) {
@@ -34,9 +36,11 @@ public:
         m_lUsec = static_cast<int32_t>((aMsec - static_cast<long>(m_lSec) * 1000) * 1000);
     }
 
-    long GetSec() const { return m_lSec; }
-    long GetUsec() const { return m_lUsec; }
-    int64_t GetTotalInMsec() const { return static_cast<int64_t>(m_lSec) * 1000 + m_lUsec / 1000; }
+    constexpr long GetSec() const { return m_lSec; }
+    constexpr long GetUsec() const { return m_lUsec; }
+    constexpr int64_t GetTotalInMsec() const {
+        return static_cast<int64_t>(m_lSec) * 1000 + m_lUsec / 1000;
+    }
 
     CRtTimeValue& operator+=(const CRtTimeValue& aRight) {
         Set(static_cast<long>(m_lSec) + aRight.m_lSec, static_cast<long>(m_lUsec) + aRight.m_lUsec);
@@ -80,27 +84,33 @@ private:
     int32_t m_lUsec;
 };
 
-inline CRtTimeValue operator+(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+constexpr CRtTimeValue operator+(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return CRtTimeValue(aLeft.GetSec() + aRight.GetSec(), aLeft.GetUsec() + aRight.GetUsec());
 }
-inline CRtTimeValue operator-(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+constexpr CRtTimeValue operator-(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return CRtTimeValue(aLeft.GetSec() - aRight.GetSec(), aLeft.GetUsec() - aRight.GetUsec());
 }
 
-inline int operator>(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+constexpr int operator>(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return aLeft.GetSec() > aRight.GetSec() ||
            (aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() > aRight.GetUsec());
 }
-inline int operator>=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+constexpr int operator>=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return aLeft.GetSec() > aRight.GetSec() ||
            (aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() >= aRight.GetUsec());
 }
-inline int operator<(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) { return aRight > aLeft; }
-inline int operator<=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) { return aRight >= aLeft; }
-inline int operator==(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+constexpr int operator<(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+    return aRight > aLeft;
+}
+constexpr int operator<=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+    return aRight >= aLeft;
+}
+constexpr int operator==(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() == aRight.GetUsec();
 }
-inline int operator!=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) { return !(aLeft == aRight); }
+constexpr int operator!=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+    return !(aLeft == aRight);
+}
 
 // The system's millisecond tick count in the low 32 bits; the high 32 bits are
 // 0 (the count wraps about every 49.7 days and is not carried).

@@ -15,9 +15,9 @@ namespace rtos {
 
 // ---- Identity, time and sleeping -------------------------------------------
 
-RT_API uint32_t CurrentThreadId();   // kernel thread id
+RT_API uint32_t CurrentThreadId();  // kernel thread id
 RT_API uint32_t CurrentProcessId();
-RT_API uint32_t TickCount();         // monotonic milliseconds, truncated to 32 bits
+RT_API uint32_t TickCount();             // monotonic milliseconds, truncated to 32 bits
 RT_API uint64_t SystemTimeAsFileTime();  // 100 ns units since 1601-01-01 UTC
 RT_API void SleepMs(uint32_t aMsec);
 
@@ -65,6 +65,9 @@ RT_API bool EventReset(Handle aEvent);
 // Releases the threads waiting now (one for an auto-reset event) and leaves the
 // event not signalled.
 RT_API bool EventPulse(Handle aEvent);
+// The number of threads blocked in a wait on aEvent now (for tests and
+// diagnostics: it tells when a pulse has waiters to release). -1 if not an event.
+RT_API long EventWaiterCount(Handle aEvent);
 
 // kWaitSignalled, kWaitTimeout or kWaitFailed. A thread handle is signalled when
 // the thread has ended. A semaphore wait takes one count; an auto-reset event

@@ -13,13 +13,20 @@ namespace {
 
 std::atomic<DebugSink> g_sink{nullptr};
 
-bool StderrWanted() {
+bool ReadStderrSwitch() {
     const char* v = ::getenv("KVTIX_DEBUG_STDERR");
     return v && ::strcmp(v, "1") == 0;
 }
 
-// Read once, when the library is loaded.
-const bool g_toStderr = StderrWanted();
+// Read once, at load time. A function-local static rather than a plain global,
+// because other files' static initialisers may trace before this file's run.
+bool StderrWanted() {
+    static const bool s_wanted = ReadStderrSwitch();
+    return s_wanted;
+}
+
+// Makes sure the switch is read at load time even if nothing traces then.
+[[maybe_unused]] const bool g_stderrReadAtLoad = StderrWanted();
 
 }  // namespace
 
@@ -30,7 +37,7 @@ void DebugOutput(const char* aLine) {
     if (DebugSink sink = g_sink.load(std::memory_order_acquire)) {
         sink(aLine);
     }
-    if (g_toStderr) {
+    if (StderrWanted()) {
         // One write per line, so lines of concurrent threads do not interleave.
         size_t len = ::strlen(aLine);
         const char* p = aLine;
@@ -45,6 +52,8 @@ void DebugOutput(const char* aLine) {
     }
 }
 
-void SetDebugSink(DebugSink aSink) { g_sink.store(aSink, std::memory_order_release); }
+void SetDebugSink(DebugSink aSink) {
+    g_sink.store(aSink, std::memory_order_release);
+}
 
 }  // namespace rtos

@@ -12,40 +12,47 @@
 namespace rtos {
 namespace {
 
+// Waits on aCond until aReady() holds or aMsec pass; returns aReady().
+template <class Ready>
+bool WaitFor(std::unique_lock<std::mutex>& aLock, std::condition_variable& aCond, uint32_t aMsec,
+             Ready aReady) {
+    if (aMsec == kInfinite) {
+        aCond.wait(aLock, aReady);
+        return true;
+    }
+    return aCond.wait_for(aLock, std::chrono::milliseconds(aMsec), aReady);
+}
+
 class KernelObject {
 public:
+    enum Kind { kSemaphore, kEvent, kThread };
+
+    explicit KernelObject(Kind aKind) : m_kind(aKind) {}
     virtual ~KernelObject() = default;
 
-    uint32_t Wait(uint32_t aMsec) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        uint64_t ticket = BeginWait_l();
-        auto ready = [&] { return IsSignalled_l(ticket); };
-        bool ok = true;
-        if (aMsec == kInfinite) {
-            m_cond.wait(lock, ready);
-        } else {
-            ok = m_cond.wait_for(lock, std::chrono::milliseconds(aMsec), ready);
-        }
-        EndWait_l(ok, ticket);
-        return ok ? kWaitSignalled : kWaitTimeout;
-    }
-
+    virtual uint32_t Wait(uint32_t aMsec) = 0;
     // Threads are also referenced by the running thread itself.
     virtual void Close() { delete this; }
 
-protected:
-    virtual uint64_t BeginWait_l() { return 0; }
-    virtual bool IsSignalled_l(uint64_t aTicket) = 0;
-    // Called once the wait is over; aSignalled tells whether it succeeded.
-    virtual void EndWait_l(bool aSignalled, uint64_t aTicket) = 0;
+    const Kind m_kind;
 
+protected:
     std::mutex m_mutex;
-    std::condition_variable m_cond;
 };
 
 class Semaphore : public KernelObject {
 public:
-    Semaphore(long aInitial, long aMaximum) : m_count(aInitial), m_maximum(aMaximum) {}
+    Semaphore(long aInitial, long aMaximum)
+        : KernelObject(kSemaphore), m_count(aInitial), m_maximum(aMaximum) {}
+
+    uint32_t Wait(uint32_t aMsec) override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!WaitFor(lock, m_cond, aMsec, [this] { return m_count > 0; })) {
+            return kWaitTimeout;
+        }
+        --m_count;
+        return kWaitSignalled;
+    }
 
     bool Release(long aCount) {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -54,6 +61,8 @@ public:
             return false;
         }
         m_count += aCount;
+        // Each count is taken by one waiter; a signal per count wakes enough of
+        // them without waking every waiter for a single count.
         if (aCount == 1) {
             m_cond.notify_one();
         } else {
@@ -62,32 +71,46 @@ public:
         return true;
     }
 
-protected:
-    bool IsSignalled_l(uint64_t) override { return m_count > 0; }
-    void EndWait_l(bool aSignalled, uint64_t) override {
-        if (aSignalled) {
-            --m_count;
-        }
-    }
-
 private:
+    std::condition_variable m_cond;
     long m_count;
     const long m_maximum;
 };
 
-// A waiter takes a ticket (the pulse generation at the start of its wait); a
-// pulse releases the waiters whose ticket is older than the pulse.
+// A waiter is released individually, so that two quick signals of an
+// auto-reset event release two waiters (as the kernel does) instead of folding
+// into one flag, and a pulse releases exactly the threads waiting at the time.
 class Event : public KernelObject {
 public:
-    Event(bool aManual, bool aInitial) : m_manual(aManual), m_signalled(aInitial) {}
+    Event(bool aManual, bool aInitial)
+        : KernelObject(kEvent), m_manual(aManual), m_signalled(aInitial) {}
+
+    uint32_t Wait(uint32_t aMsec) override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_signalled) {
+            m_signalled = m_manual;
+            return kWaitSignalled;
+        }
+        if (aMsec == 0) {
+            return kWaitTimeout;
+        }
+        Waiter self;
+        Enqueue_l(&self);
+        if (!WaitFor(lock, self.cond, aMsec, [&self] { return self.released; })) {
+            Remove_l(&self);
+            return kWaitTimeout;
+        }
+        return kWaitSignalled;
+    }
 
     void Set() {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_signalled = true;
         if (m_manual) {
-            m_cond.notify_all();
-        } else {
-            m_cond.notify_one();
+            m_signalled = true;
+            while (ReleaseOne_l()) {
+            }
+        } else if (!ReleaseOne_l()) {
+            m_signalled = true;
         }
     }
 
@@ -99,50 +122,82 @@ public:
     void Pulse() {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_signalled = false;
-        if (m_waiters == 0) {
-            return;
+        if (m_manual) {
+            while (ReleaseOne_l()) {
+            }
+        } else {
+            ReleaseOne_l();
         }
-        ++m_pulseGeneration;
-        // An auto-reset pulse releases one waiter; a manual one all of them.
-        m_pulseReleases = m_manual ? m_waiters : 1;
-        m_cond.notify_all();
     }
 
-protected:
-    uint64_t BeginWait_l() override {
-        ++m_waiters;
-        return m_pulseGeneration;
-    }
-    bool IsSignalled_l(uint64_t aTicket) override {
-        return m_signalled || (aTicket < m_pulseGeneration && m_pulseReleases > 0);
-    }
-    void EndWait_l(bool aSignalled, uint64_t aTicket) override {
-        --m_waiters;
-        if (!aSignalled) {
-            return;
+    long WaiterCount() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        long n = 0;
+        for (Waiter* w = m_head; w; w = w->next) {
+            ++n;
         }
-        if (m_signalled) {
-            if (!m_manual) {
-                m_signalled = false;
-            }
-        } else if (aTicket < m_pulseGeneration && m_pulseReleases > 0) {
-            --m_pulseReleases;
-        }
+        return n;
     }
 
 private:
+    // Lives on the waiting thread's stack while it is queued.
+    struct Waiter {
+        std::condition_variable cond;
+        bool released = false;
+        Waiter* next = nullptr;
+    };
+
+    void Enqueue_l(Waiter* aWaiter) {
+        if (m_tail) {
+            m_tail->next = aWaiter;
+        } else {
+            m_head = aWaiter;
+        }
+        m_tail = aWaiter;
+    }
+
+    // Only a waiter that timed out leaves out of order; queues are short.
+    void Remove_l(Waiter* aWaiter) {
+        Waiter* prev = nullptr;
+        for (Waiter* w = m_head; w; prev = w, w = w->next) {
+            if (w != aWaiter) {
+                continue;
+            }
+            (prev ? prev->next : m_head) = w->next;
+            if (m_tail == w) {
+                m_tail = prev;
+            }
+            return;
+        }
+    }
+
+    // Notifies under the lock: the waiter may return and destroy its condition
+    // variable as soon as the lock is free.
+    bool ReleaseOne_l() {
+        Waiter* w = m_head;
+        if (!w) {
+            return false;
+        }
+        m_head = w->next;
+        if (!m_head) {
+            m_tail = nullptr;
+        }
+        w->released = true;
+        w->cond.notify_one();
+        return true;
+    }
+
     const bool m_manual;
     bool m_signalled;
-    long m_waiters = 0;
-    uint64_t m_pulseGeneration = 0;
-    long m_pulseReleases = 0;
+    Waiter* m_head = nullptr;  // oldest waiter first
+    Waiter* m_tail = nullptr;
 };
 
 // Signalled once the thread's procedure has returned. Owned jointly by the
 // handle and the running thread; the last of the two deletes it.
 class Thread : public KernelObject {
 public:
-    Thread(ThreadProc aProc, void* aArg) : m_proc(aProc), m_arg(aArg) {}
+    Thread(ThreadProc aProc, void* aArg) : KernelObject(kThread), m_proc(aProc), m_arg(aArg) {}
 
     static void* Run(void* aSelf) {
         Thread* self = static_cast<Thread*>(aSelf);
@@ -164,10 +219,18 @@ public:
 
     uint32_t WaitStarted() {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_cond.wait(lock, [&] { return m_started; });
+        m_cond.wait(lock, [this] { return m_started; });
         return m_tid;
     }
 
+    uint32_t Wait(uint32_t aMsec) override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return WaitFor(lock, m_cond, aMsec, [this] { return m_ended; }) ? kWaitSignalled
+                                                                        : kWaitTimeout;
+    }
+
+    // A thread that has ended is joined; one still running is detached and
+    // deletes this object itself when it ends.
     void Close() override {
         bool ended;
         {
@@ -193,10 +256,6 @@ public:
 
     pthread_t m_thread{};
 
-protected:
-    bool IsSignalled_l(uint64_t) override { return m_ended; }
-    void EndWait_l(bool, uint64_t) override {}
-
 private:
     void Unref() {
         if (m_refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -204,6 +263,7 @@ private:
         }
     }
 
+    std::condition_variable m_cond;
     ThreadProc m_proc;
     void* m_arg;
     uint32_t m_tid = 0;
@@ -213,11 +273,15 @@ private:
     std::atomic<int> m_refs{2};
 };
 
-KernelObject* Object(Handle aHandle) { return static_cast<KernelObject*>(aHandle); }
-
+// The object behind aHandle if it is of kind T, else null with EINVAL.
 template <class T>
-T* As(Handle aHandle) {
-    return dynamic_cast<T*>(Object(aHandle));
+T* As(Handle aHandle, KernelObject::Kind aKind) {
+    KernelObject* obj = static_cast<KernelObject*>(aHandle);
+    if (!obj || obj->m_kind != aKind) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    return static_cast<T*>(obj);
 }
 
 }  // namespace
@@ -227,41 +291,53 @@ Handle SemaphoreCreate(long aInitial, long aMaximum, const char*) {
         errno = EINVAL;
         return nullptr;
     }
-    return new (std::nothrow) Semaphore(aInitial, aMaximum);
+    KernelObject* sem = new (std::nothrow) Semaphore(aInitial, aMaximum);
+    if (!sem) {
+        errno = ENOMEM;
+    }
+    return sem;
 }
 
 bool SemaphoreRelease(Handle aSem, long aCount) {
-    Semaphore* sem = As<Semaphore>(aSem);
-    if (!sem) {
-        errno = EINVAL;
-        return false;
-    }
-    return sem->Release(aCount);
+    Semaphore* sem = As<Semaphore>(aSem, KernelObject::kSemaphore);
+    return sem && sem->Release(aCount);
 }
 
 Handle EventCreate(bool aManualReset, bool aInitialState, const char*) {
-    return new (std::nothrow) Event(aManualReset, aInitialState);
-}
-
-template <class F>
-static bool WithEvent(Handle aEvent, F aDo) {
-    Event* ev = As<Event>(aEvent);
+    KernelObject* ev = new (std::nothrow) Event(aManualReset, aInitialState);
     if (!ev) {
-        errno = EINVAL;
-        return false;
+        errno = ENOMEM;
     }
-    aDo(*ev);
-    return true;
+    return ev;
 }
 
 bool EventSet(Handle aEvent) {
-    return WithEvent(aEvent, [](Event& e) { e.Set(); });
+    Event* ev = As<Event>(aEvent, KernelObject::kEvent);
+    if (ev) {
+        ev->Set();
+    }
+    return ev != nullptr;
 }
+
 bool EventReset(Handle aEvent) {
-    return WithEvent(aEvent, [](Event& e) { e.Reset(); });
+    Event* ev = As<Event>(aEvent, KernelObject::kEvent);
+    if (ev) {
+        ev->Reset();
+    }
+    return ev != nullptr;
 }
+
 bool EventPulse(Handle aEvent) {
-    return WithEvent(aEvent, [](Event& e) { e.Pulse(); });
+    Event* ev = As<Event>(aEvent, KernelObject::kEvent);
+    if (ev) {
+        ev->Pulse();
+    }
+    return ev != nullptr;
+}
+
+long EventWaiterCount(Handle aEvent) {
+    Event* ev = As<Event>(aEvent, KernelObject::kEvent);
+    return ev ? ev->WaiterCount() : -1;
 }
 
 uint32_t HandleWait(Handle aHandle, uint32_t aMsec) {
@@ -269,7 +345,7 @@ uint32_t HandleWait(Handle aHandle, uint32_t aMsec) {
         errno = EINVAL;
         return kWaitFailed;
     }
-    return Object(aHandle)->Wait(aMsec);
+    return static_cast<KernelObject*>(aHandle)->Wait(aMsec);
 }
 
 bool HandleClose(Handle aHandle) {
@@ -277,7 +353,7 @@ bool HandleClose(Handle aHandle) {
         errno = EINVAL;
         return false;
     }
-    Object(aHandle)->Close();
+    static_cast<KernelObject*>(aHandle)->Close();
     return true;
 }
 
@@ -301,11 +377,10 @@ Handle ThreadCreate(ThreadProc aProc, void* aArg, uint32_t* aTid) {
 }
 
 bool ThreadAbandon(Handle aThread) {
-    Thread* t = As<Thread>(aThread);
-    if (t) {
+    if (Thread* t = As<Thread>(aThread, KernelObject::kThread)) {
         t->Abandon();
+        errno = EBUSY;
     }
-    errno = EBUSY;
     return false;
 }
 

@@ -11,9 +11,17 @@ void LockInit(LockStorage& aLock) {
     pthread_mutexattr_destroy(&attr);
 }
 
-void LockDestroy(LockStorage& aLock) { pthread_mutex_destroy(&aLock.mutex); }
-void LockEnter(LockStorage& aLock) { pthread_mutex_lock(&aLock.mutex); }
-bool LockTryEnter(LockStorage& aLock) { return pthread_mutex_trylock(&aLock.mutex) == 0; }
-void LockLeave(LockStorage& aLock) { pthread_mutex_unlock(&aLock.mutex); }
+void LockDestroy(LockStorage& aLock) {
+    pthread_mutex_destroy(&aLock.mutex);
+}
+void LockEnter(LockStorage& aLock) {
+    pthread_mutex_lock(&aLock.mutex);
+}
+bool LockTryEnter(LockStorage& aLock) {
+    return pthread_mutex_trylock(&aLock.mutex) == 0;
+}
+void LockLeave(LockStorage& aLock) {
+    pthread_mutex_unlock(&aLock.mutex);
+}
 
 }  // namespace rtos

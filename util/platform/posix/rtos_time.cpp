@@ -14,12 +14,15 @@ uint32_t CurrentThreadId() {
     return t_tid;
 }
 
-uint32_t CurrentProcessId() { return static_cast<uint32_t>(::getpid()); }
+uint32_t CurrentProcessId() {
+    return static_cast<uint32_t>(::getpid());
+}
 
 uint32_t TickCount() {
     struct timespec ts;
     ::clock_gettime(CLOCK_MONOTONIC, &ts);
-    uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+    uint64_t ms =
+        static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
     return static_cast<uint32_t>(ms);
 }
 
@@ -54,7 +57,11 @@ void LocalCalendarTime(int64_t aSeconds, CalendarTime& aOut) {
     aOut.second = tmv.tm_sec;
 }
 
-int LastError() { return errno; }
-void SetLastError(int aErr) { errno = aErr; }
+int LastError() {
+    return errno;
+}
+void SetLastError(int aErr) {
+    errno = aErr;
+}
 
 }  // namespace rtos

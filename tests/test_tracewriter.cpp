@@ -1,0 +1,286 @@
+// CRtTrace: the line format and its cut, the level tables of both writers,
+// Destroy, and the trace and assertion macros as the library uses them.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+
+#include <atomic>
+#include <ctime>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rtdebug.h"
+#include "rtos.h"
+#include "trace_capture.h"
+
+namespace {
+
+// Installs the collecting sink for one test and removes it at the end.
+class WriterTest : public ::testing::Test {
+protected:
+    static std::vector<std::string> Take() { return TraceCapture::Take(); }
+    // The one line traced since the last Take(), without its stamp.
+    static std::string OnlyBody() {
+        std::vector<std::string> lines = Take();
+        if (lines.size() != 1) {
+            return "<" + std::to_string(lines.size()) + " lines>";
+        }
+        size_t end = lines[0].find("] ");
+        return end == std::string::npos ? "<no stamp>" : lines[0].substr(end + 2);
+    }
+
+    TraceCapture m_capture;
+};
+
+const char* const kStamp =
+    R"(\[(\d\d)/(\d\d)/(\d{4}) (\d\d):(\d\d):(\d\d)\.(\d{3}) pid=(\d+) tid=(\d+)\] )";
+
+int g_afterAssert = 0;
+
+int ReturnsThroughAssert(bool aOk) {
+    RT_ASSERTE_RETURN(aOk, RT_ERROR_INVALID_ARG);
+    ++g_afterAssert;
+    return RT_OK;
+}
+const int kReturnsThroughAssertLine = __LINE__ - 4;
+
+void ReturnsVoidThroughAssert(bool aOk) {
+    RT_ASSERTE_RETURN_VOID(aOk);
+    ++g_afterAssert;
+}
+
+}  // namespace
+
+TEST_F(WriterTest, LineIsStampedWithLocalTimeProcessAndThread) {
+    const time_t before = ::time(nullptr);
+    RT_INFO_TRACE("hello " << 42);
+    const time_t after = ::time(nullptr);
+
+    std::vector<std::string> lines = Take();
+    ASSERT_EQ(lines.size(), 1u);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(lines[0], m, std::regex(std::string(kStamp) + "Info:hello 42\n")))
+        << lines[0];
+
+    struct tm stamped = {};
+    stamped.tm_mon = std::stoi(m[1]) - 1;
+    stamped.tm_mday = std::stoi(m[2]);
+    stamped.tm_year = std::stoi(m[3]) - 1900;
+    stamped.tm_hour = std::stoi(m[4]);
+    stamped.tm_min = std::stoi(m[5]);
+    stamped.tm_sec = std::stoi(m[6]);
+    stamped.tm_isdst = -1;
+    const time_t when = ::mktime(&stamped);
+    EXPECT_GE(when, before - 2);
+    EXPECT_LE(when, after + 2);
+    EXPECT_LT(std::stoi(m[7]), 1000);
+    EXPECT_EQ(std::stoul(m[8]), rtos::CurrentProcessId());
+    EXPECT_EQ(std::stoul(m[9]), rtos::CurrentThreadId());
+
+    // Another thread stamps its own id.
+    uint32_t otherTid = 0;
+    std::thread([&] {
+        otherTid = rtos::CurrentThreadId();
+        RT_WARNING_TRACE("from another thread");
+    }).join();
+    lines = Take();
+    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_TRUE(std::regex_match(lines[0], m, std::regex(std::string(kStamp) + "Warning:.*\n")));
+    EXPECT_EQ(std::stoul(m[9]), otherTid);
+    EXPECT_NE(otherTid, rtos::CurrentThreadId());
+}
+
+TEST_F(WriterTest, LongTextIsCutTo1023CharactersWithoutNewline) {
+    std::string text(2000, 'a');
+    CRtTrace::instance()->trace_string(20, &text[0]);
+    std::vector<std::string> lines = Take();
+    ASSERT_EQ(lines.size(), 1u);
+    const std::string& line = lines[0];
+    EXPECT_EQ(line.size(), 1023u);
+    EXPECT_NE(line.back(), '\n');
+    const size_t bodyStart = line.find("] Info:") + 7;
+    EXPECT_EQ(line.substr(bodyStart), std::string(1023 - bodyStart, 'a'));
+
+    // Through a macro the recorder's 960-byte cut comes first, so the line is
+    // whole and ends in its newline.
+    RT_INFO_TRACE(text);
+    lines = Take();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].back(), '\n');
+    EXPECT_NE(lines[0].find("Info:" + std::string(960, 'a') + "\n"), std::string::npos);
+}
+
+TEST_F(WriterTest, EveryLevelOfBothTablesIsWrittenWithItsName) {
+    const char* const names[26] = {"Error", "Server", "NA",      "NA",    "NA",   "NA",
+                                   "NA",    "NA",     "NA",      "NA",    "Warning",
+                                   "Meeting", "Session", "User", "Statistic", "NA",
+                                   "NA",    "NA",     "NA",      "NA",    "Info", "State",
+                                   "PDU",   "Func",   "Tick",    "Detail"};
+    char text[] = "x";
+    for (unsigned long level = 0; level < 26; ++level) {
+        CRtTrace::instance()->trace_string(level, text);
+        EXPECT_EQ(OnlyBody(), std::string(names[level]) + ":x\n") << "level " << level;
+    }
+    // Disabled levels are not filtered.
+    RT_TRACE_AT(25, "detail " << 25);
+    EXPECT_EQ(OnlyBody(), "Detail:detail 25\n");
+    RT_TRACE_AT(23, "func");
+    EXPECT_EQ(OnlyBody(), "Func:func\n");
+
+    CRtTrace::DiagonseInstance()->trace_string(0, text);
+    EXPECT_EQ(OnlyBody(), "Diagnose:x\n");
+    RT_DIAGNOSE_TRACE("diag " << 1);
+    EXPECT_EQ(OnlyBody(), "Diagnose:diag 1\n");
+}
+
+TEST_F(WriterTest, MacrosUseTheirLevels) {
+    RT_ERROR_TRACE("e");
+    EXPECT_EQ(OnlyBody(), "Error:e\n");
+    RT_WARNING_TRACE("w");
+    EXPECT_EQ(OnlyBody(), "Warning:w\n");
+    RT_INFO_TRACE("i");
+    EXPECT_EQ(OnlyBody(), "Info:i\n");
+}
+
+TEST_F(WriterTest, NullTextAndOutOfTableLevelDoNotCrash) {
+    CRtTrace::instance()->trace_string(0, nullptr);
+    EXPECT_EQ(OnlyBody(), "Error:\n");
+    RT_INFO_TRACE(static_cast<const char*>(nullptr));
+    EXPECT_EQ(OnlyBody(), "Info:\n");
+
+    // A level past the table has no name: the line is empty.
+    char text[] = "x";
+    CRtTrace::instance()->trace_string(26, text);
+    CRtTrace::DiagonseInstance()->trace_string(1, text);
+    for (const std::string& line : Take()) {
+        EXPECT_EQ(line, "");
+    }
+}
+
+TEST_F(WriterTest, DestroyThenTraceCreatesAFreshWriter) {
+    CRtTrace::DiagonseInstance();
+    CRtTrace::Destroy();
+    EXPECT_EQ(OnlyBody(), "Info:CRtTrace::Destroy\n");
+
+    RT_INFO_TRACE("after destroy");
+    EXPECT_EQ(OnlyBody(), "Info:after destroy\n");
+    ASSERT_NE(CRtTrace::instance(), nullptr);
+    EXPECT_NE(CRtTrace::instance()->getfilename(), nullptr);
+    EXPECT_EQ(GetRtTraceFileName(), CRtTrace::instance()->getfilename());
+
+    RT_DIAGNOSE_TRACE("diagnose again");
+    EXPECT_EQ(OnlyBody(), "Diagnose:diagnose again\n");
+
+    // Destroying twice in a row is harmless.
+    CRtTrace::Destroy();
+    CRtTrace::Destroy();
+    EXPECT_EQ(Take().size(), 2u);
+}
+
+TEST_F(WriterTest, AssertionTextNamesFileLineAndExpression) {
+    const int flags = 4;
+    const int line = __LINE__ + 1;
+    RT_ASSERTE(RT_BIT_DISABLED(flags, 0x4));
+    EXPECT_EQ(OnlyBody(), std::string("Error:") + __FILE__ + ":" + std::to_string(line) +
+                              " Assert failed: RT_BIT_DISABLED(flags, 0x4)\n");
+
+    RT_ASSERTE(flags == 4);  // holds: no line
+    EXPECT_TRUE(Take().empty());
+}
+
+TEST_F(WriterTest, ReturningAssertionsReturnAndSkipTheRest) {
+    g_afterAssert = 0;
+    EXPECT_EQ(ReturnsThroughAssert(false), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(g_afterAssert, 0);
+    EXPECT_EQ(OnlyBody(), std::string("Error:") + __FILE__ + ":" +
+                              std::to_string(kReturnsThroughAssertLine) +
+                              " Assert failed: aOk\n");
+
+    EXPECT_EQ(ReturnsThroughAssert(true), RT_OK);
+    EXPECT_EQ(g_afterAssert, 1);
+    EXPECT_TRUE(Take().empty());
+
+    ReturnsVoidThroughAssert(false);
+    EXPECT_EQ(g_afterAssert, 1);
+    EXPECT_EQ(Take().size(), 1u);
+    ReturnsVoidThroughAssert(true);
+    EXPECT_EQ(g_afterAssert, 2);
+}
+
+TEST_F(WriterTest, EachMacroIsOneStatementInAnUnbracedIfElse) {
+    for (int i = 0; i < 2; ++i) {
+        if (i == 0)
+            RT_INFO_TRACE("then " << i);
+        else
+            RT_WARNING_TRACE("else " << i);
+    }
+    std::vector<std::string> lines = Take();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[0].find("Info:then 0\n"), std::string::npos);
+    EXPECT_NE(lines[1].find("Warning:else 1\n"), std::string::npos);
+
+    int elses = 0;
+    for (int i = 0; i < 2; ++i) {
+        if (i == 0)
+            RT_ASSERTE(i != 0);
+        else
+            ++elses;
+        if (i == 1)
+            RT_ERROR_TRACE("error " << i);
+        else
+            ++elses;
+    }
+    EXPECT_EQ(elses, 2);
+    EXPECT_EQ(Take().size(), 2u);
+}
+
+TEST_F(WriterTest, TracingKeepsTheCallersErrno) {
+    errno = EACCES;
+    RT_ERROR_TRACE("failed! err=" << errno);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(OnlyBody(), "Error:failed! err=" + std::to_string(EACCES) + "\n");
+
+    errno = ENOENT;
+    RT_ASSERTE(errno == 0);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(WriterTest, ConcurrentTracesEachArriveWhole) {
+    const int kThreads = 4;
+    const int kLinesEach = 250;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLinesEach; ++i) {
+                RT_INFO_TRACE("worker " << t << " line " << i << " this=" << &i);
+            }
+        });
+    }
+    for (std::thread& th : threads) {
+        th.join();
+    }
+    std::vector<std::string> lines = Take();
+    ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLinesEach));
+    const std::regex shape(std::string(kStamp) + "Info:worker \\d line \\d+ this=0x[0-9a-f]+\n");
+    std::vector<int> perThread(kThreads, 0);
+    for (const std::string& line : lines) {
+        ASSERT_TRUE(std::regex_match(line, shape)) << line;
+        ++perThread[line[line.find("worker ") + 7] - '0'];
+    }
+    for (int count : perThread) {
+        EXPECT_EQ(count, kLinesEach);
+    }
+}
+
+TEST(WriterSink, RemovedSinkReceivesNothing) {
+    {
+        TraceCapture capture;
+        RT_INFO_TRACE("seen");
+    }
+    RT_INFO_TRACE("not seen");
+    std::vector<std::string> lines = TraceCapture::Take();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("Info:seen\n"), std::string::npos);
+}
