@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -34,6 +35,22 @@ TEST(Platform, IdentitiesOfProcessAndThreads) {
     std::thread([&] { other = rtos::CurrentThreadId(); }).join();
     EXPECT_NE(other, 0u);
     EXPECT_NE(other, mine);
+}
+
+TEST(Platform, AForkedChildSeesItsOwnIds) {
+    const uint32_t parentPid = rtos::CurrentProcessId();
+    const uint32_t parentTid = rtos::CurrentThreadId();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const bool ok = rtos::CurrentProcessId() == static_cast<uint32_t>(::getpid()) &&
+                        rtos::CurrentProcessId() != parentPid &&
+                        rtos::CurrentThreadId() != parentTid && rtos::CurrentThreadId() != 0;
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST(Platform, TickCountIsMonotonicMilliseconds) {
@@ -286,7 +303,9 @@ TEST(Platform, AbandonedThreadKeepsRunningAndCanStillBeWaitedFor) {
 namespace {
 
 std::vector<std::string> g_sunk;
-void Sink(const char* aLine) { g_sunk.push_back(aLine); }
+void Sink(const char* aLine) {
+    g_sunk.push_back(aLine);
+}
 
 }  // namespace
 

@@ -23,7 +23,9 @@ long long MsSince(Clock::time_point aStart) {
 }
 
 // Runs aFn on a thread of its own and returns its result.
-int OnOtherThread(std::function<int()> aFn) { return std::async(std::launch::async, aFn).get(); }
+int OnOtherThread(std::function<int()> aFn) {
+    return std::async(std::launch::async, aFn).get();
+}
 
 // Polls aDone for up to 20 s; true once it holds.
 bool Eventually(std::function<bool()> aDone) {

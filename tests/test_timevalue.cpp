@@ -147,11 +147,10 @@ TEST(TimeValue, ComparisonsOrderSecondsThenMicroseconds) {
     EXPECT_EQ(lo != lo, 0);
 
     // Signed fields: negative values order below zero, seconds first.
-    const CRtTimeValue ordered[] = {CRtTimeValue(-2L, -1L), CRtTimeValue(-2L, 0L),
-                                    CRtTimeValue(0L, -999999L), CRtTimeValue(0L, -1L),
-                                    CRtTimeValue::s_tvZero, CRtTimeValue(0L, 1L),
-                                    CRtTimeValue(0L, 999999L), CRtTimeValue(1L, 0L),
-                                    CRtTimeValue::s_tvMax};
+    const CRtTimeValue ordered[] = {
+        CRtTimeValue(-2L, -1L),    CRtTimeValue(-2L, 0L),  CRtTimeValue(0L, -999999L),
+        CRtTimeValue(0L, -1L),     CRtTimeValue::s_tvZero, CRtTimeValue(0L, 1L),
+        CRtTimeValue(0L, 999999L), CRtTimeValue(1L, 0L),   CRtTimeValue::s_tvMax};
     const size_t n = sizeof(ordered) / sizeof(ordered[0]);
     for (size_t i = 0; i < n; ++i) {
         for (size_t j = 0; j < n; ++j) {

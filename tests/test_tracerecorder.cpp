@@ -2,6 +2,8 @@
 // 64-byte reserve, the hex flag and the pointer form.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -52,6 +54,45 @@ TEST_F(RecorderTest, IntegersInDecimal) {
     EXPECT_EQ(Text(), "0 -42 42 -7 4000000000 -9000000000 18446744073709551615");
 }
 
+namespace {
+
+// The recorder's text of aValue, in decimal or hex, against printf's.
+template <class T>
+void ExpectLikePrintf(T aValue, const char* aDec, const char* aHex) {
+    char expected[64], buf[RTTRACE_MAX_TRACE_LEN];
+    CRtTrace::CRtLogRecorder rec(buf, sizeof(buf));
+    rec << aValue;
+    ::snprintf(expected, sizeof(expected), aDec, aValue);
+    EXPECT_STREQ(static_cast<char*>(rec), expected);
+    rec.reset();
+    rec << CRtTrace::hex << aValue;
+    ::snprintf(expected, sizeof(expected), aHex, aValue);
+    EXPECT_STREQ(static_cast<char*>(rec), expected);
+}
+
+}  // namespace
+
+TEST(Recorder, IntegersMatchPrintfAcrossTheirRange) {
+    for (int v : {0, 1, -1, 9, 10, -10, 255, 4096, INT_MAX, INT_MIN, 123456789}) {
+        ExpectLikePrintf(v, "%d", "%x");
+    }
+    for (unsigned v : {0u, 1u, 15u, 16u, UINT_MAX, 3000000000u}) {
+        ExpectLikePrintf(v, "%u", "%x");
+    }
+    for (long v : {0L, -1L, LONG_MAX, LONG_MIN, 1234567890123L}) {
+        ExpectLikePrintf(v, "%ld", "%lx");
+    }
+    for (unsigned long v : {0UL, ULONG_MAX, 0xFEDCBA9876543210UL}) {
+        ExpectLikePrintf(v, "%lu", "%lx");
+    }
+    for (long long v : {0LL, -1LL, LLONG_MAX, LLONG_MIN, -9000000000LL}) {
+        ExpectLikePrintf(v, "%lld", "%llx");
+    }
+    for (unsigned long long v : {0ULL, ULLONG_MAX, 10000000000000000000ULL}) {
+        ExpectLikePrintf(v, "%llu", "%llx");
+    }
+}
+
 TEST_F(RecorderTest, SmallIntegersAndCharactersAreWrittenAsNumbers) {
     m_rec << 'A' << " " << static_cast<char>(-1) << " " << static_cast<unsigned char>(255) << " "
           << static_cast<short>(-300) << " " << static_cast<unsigned short>(65535);
@@ -64,9 +105,9 @@ TEST_F(RecorderTest, HexAppliesToTheNextIntegerOnly) {
 
     m_rec.reset();
     m_rec << CRtTrace::hex << -1 << " " << CRtTrace::hex << static_cast<char>(-1) << " "
-          << CRtTrace::hex << static_cast<unsigned char>(171) << " " << CRtTrace::hex
-          << 0xABCDu << " " << CRtTrace::hex << -1L << " " << CRtTrace::hex << 0x12ABUL << " "
-          << CRtTrace::hex << static_cast<long long>(-2);
+          << CRtTrace::hex << static_cast<unsigned char>(171) << " " << CRtTrace::hex << 0xABCDu
+          << " " << CRtTrace::hex << -1L << " " << CRtTrace::hex << 0x12ABUL << " " << CRtTrace::hex
+          << static_cast<long long>(-2);
     EXPECT_EQ(Text(), "ffffffff ffffffff ab abcd ffffffffffffffff 12ab fffffffffffffffe");
 
     // dec clears the flag; a value outside the enumeration changes nothing.

@@ -113,11 +113,10 @@ TEST_F(WriterTest, LongTextIsCutTo1023CharactersWithoutNewline) {
 }
 
 TEST_F(WriterTest, EveryLevelOfBothTablesIsWrittenWithItsName) {
-    const char* const names[26] = {"Error", "Server", "NA",      "NA",    "NA",   "NA",
-                                   "NA",    "NA",     "NA",      "NA",    "Warning",
-                                   "Meeting", "Session", "User", "Statistic", "NA",
-                                   "NA",    "NA",     "NA",      "NA",    "Info", "State",
-                                   "PDU",   "Func",   "Tick",    "Detail"};
+    const char* const names[26] = {
+        "Error", "Server",  "NA",      "NA",      "NA",   "NA",        "NA",   "NA",    "NA",
+        "NA",    "Warning", "Meeting", "Session", "User", "Statistic", "NA",   "NA",    "NA",
+        "NA",    "NA",      "Info",    "State",   "PDU",  "Func",      "Tick", "Detail"};
     char text[] = "x";
     for (unsigned long level = 0; level < 26; ++level) {
         CRtTrace::instance()->trace_string(level, text);
@@ -195,8 +194,7 @@ TEST_F(WriterTest, ReturningAssertionsReturnAndSkipTheRest) {
     EXPECT_EQ(ReturnsThroughAssert(false), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(g_afterAssert, 0);
     EXPECT_EQ(OnlyBody(), std::string("Error:") + __FILE__ + ":" +
-                              std::to_string(kReturnsThroughAssertLine) +
-                              " Assert failed: aOk\n");
+                              std::to_string(kReturnsThroughAssertLine) + " Assert failed: aOk\n");
 
     EXPECT_EQ(ReturnsThroughAssert(true), RT_OK);
     EXPECT_EQ(g_afterAssert, 1);

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <type_traits>
+
 #include "rtdebug.h"
 #include "rtos.h"
 #include "rttimevalue.h"
@@ -52,32 +54,58 @@ void CRtTrace::CRtLogRecorder::advance(const char* aText) {
 
 namespace {
 
-// Formats one number; every integer insertion ends in decimal mode.
+// Writes aValue backwards from aEnd as "%d" or "%u" would, or with aHex as "%x"
+// at the type's own width (-1 as int is "ffffffff"); returns the first
+// character. By hand rather than snprintf: it runs for every number of every
+// trace line.
 template <class T>
-int FormatNumber(char (&aOut)[32], bool aHex, const char* aDecFormat, const char* aHexFormat,
-                 T aValue) {
-    return ::snprintf(aOut, sizeof(aOut), aHex ? aHexFormat : aDecFormat, aValue);
+char* FormatInteger(T aValue, bool aHex, char* aEnd) {
+    using Unsigned = typename std::make_unsigned<T>::type;
+    Unsigned u = static_cast<Unsigned>(aValue);
+    char* p = aEnd;
+    if (aHex) {
+        do {
+            *--p = "0123456789abcdef"[u & 0xF];
+            u >>= 4;
+        } while (u != 0);
+        return p;
+    }
+    bool negative = false;
+    if constexpr (std::is_signed<T>::value) {
+        negative = aValue < 0;
+        if (negative) {
+            u = static_cast<Unsigned>(0 - u);
+        }
+    }
+    do {
+        *--p = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (negative) {
+        *--p = '-';
+    }
+    return p;
 }
 
 }  // namespace
 
-#define RT_RECORDER_INTEGER(Type, DecFormat, HexFormat)                                \
-    CRtTrace::CRtLogRecorder& CRtTrace::CRtLogRecorder::operator<<(Type aValue) {      \
-        char text[32];                                                                 \
-        int n = FormatNumber(text, get_hex_flag() != 0, DecFormat, HexFormat, aValue); \
-        if (n > 0) {                                                                   \
-            advance(text, static_cast<unsigned long>(n));                              \
-        }                                                                              \
-        set_hex_flag(0);                                                               \
-        return *this;                                                                  \
+// Every integer insertion ends in decimal mode.
+#define RT_RECORDER_INTEGER(Type)                                                 \
+    CRtTrace::CRtLogRecorder& CRtTrace::CRtLogRecorder::operator<<(Type aValue) { \
+        char text[24];                                                            \
+        char* end = text + sizeof(text);                                          \
+        char* start = FormatInteger(aValue, get_hex_flag() != 0, end);            \
+        advance(start, static_cast<unsigned long>(end - start));                  \
+        set_hex_flag(0);                                                          \
+        return *this;                                                             \
     }
 
-RT_RECORDER_INTEGER(int, "%d", "%x")
-RT_RECORDER_INTEGER(unsigned int, "%u", "%x")
-RT_RECORDER_INTEGER(long, "%ld", "%lx")
-RT_RECORDER_INTEGER(unsigned long, "%lu", "%lx")
-RT_RECORDER_INTEGER(long long, "%lld", "%llx")
-RT_RECORDER_INTEGER(unsigned long long, "%llu", "%llx")
+RT_RECORDER_INTEGER(int)
+RT_RECORDER_INTEGER(unsigned int)
+RT_RECORDER_INTEGER(long)
+RT_RECORDER_INTEGER(unsigned long)
+RT_RECORDER_INTEGER(long long)
+RT_RECORDER_INTEGER(unsigned long long)
 
 #undef RT_RECORDER_INTEGER
 
@@ -153,20 +181,91 @@ char g_mainWriterName[] = "Log";
 char g_diagnoseWriterName[] = "Diagnose";
 char g_diagnoseFileName[] = "diagnose.log";
 
-// Local calendar time of the current second, kept per thread: most lines of a
-// thread fall within the same second as its previous line.
-struct CachedCalendar {
+// The stamp of one second, "[MM/DD/YYYY HH:MM:SS.", kept per thread: most
+// lines of a thread fall within the same second as its previous line.
+struct SecondStamp {
     int64_t second = -1;
     rtos::CalendarTime calendar{};
+    char text[32] = {};
+    size_t length = 0;
 };
 
-const rtos::CalendarTime& LocalCalendar(int64_t aSecond) {
-    static thread_local CachedCalendar t_cache;
-    if (t_cache.second != aSecond) {
-        rtos::LocalCalendarTime(aSecond, t_cache.calendar);
-        t_cache.second = aSecond;
+const SecondStamp& StampOf(int64_t aSecond) {
+    static thread_local SecondStamp t_stamp;
+    if (t_stamp.second != aSecond) {
+        rtos::CalendarTime& cal = t_stamp.calendar;
+        rtos::LocalCalendarTime(aSecond, cal);
+        int n = ::snprintf(t_stamp.text, sizeof(t_stamp.text), "[%02d/%02d/%04d %02d:%02d:%02d.",
+                           cal.month, cal.day, cal.year, cal.hour, cal.minute, cal.second);
+        t_stamp.length = n > 0 ? static_cast<size_t>(n) : 0;
+        t_stamp.second = aSecond;
     }
-    return t_cache.calendar;
+    return t_stamp;
+}
+
+// Fills a line buffer, cutting at its last byte, which stays for the zero.
+class LineBuilder {
+public:
+    explicit LineBuilder(char (&aLine)[RTTRACE_MAX_TRACE_LEN]) : m_pLine(aLine) {}
+    ~LineBuilder() { m_pLine[m_pos] = '\0'; }
+
+    void Append(const char* aText, size_t aLength) {
+        size_t room = RTTRACE_MAX_TRACE_LEN - 1 - m_pos;
+        if (aLength > room) {
+            aLength = room;
+        }
+        ::memcpy(m_pLine + m_pos, aText, aLength);
+        m_pos += aLength;
+    }
+    void Append(const char* aText) {
+        Append(aText, ::strnlen(aText, RTTRACE_MAX_TRACE_LEN - 1 - m_pos));
+    }
+    void AppendDecimal(uint32_t aValue) {
+        char digits[10];
+        size_t n = sizeof(digits);
+        do {
+            digits[--n] = static_cast<char>('0' + aValue % 10);
+            aValue /= 10;
+        } while (aValue != 0);
+        Append(digits + n, sizeof(digits) - n);
+    }
+
+private:
+    char* m_pLine;
+    size_t m_pos = 0;
+};
+
+// Writes "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d] %s:%s\n", cut to
+// 1023 characters: the bytes snprintf would give, without parsing the format
+// for every line. A clock before 1970 (negative milliseconds) takes snprintf.
+void FormatLine(char (&aLine)[RTTRACE_MAX_TRACE_LEN], const CRtTimeValue& aNow,
+                const char* aLevelName, const char* aText) {
+    const SecondStamp& stamp = StampOf(aNow.GetSec());
+    const int ms = static_cast<int>(aNow.GetUsec() / 1000);
+    const int pid = static_cast<int>(rtos::CurrentProcessId());
+    const int tid = static_cast<int>(rtos::CurrentThreadId());
+    if (ms < 0 || pid < 0 || tid < 0) {
+        const rtos::CalendarTime& cal = stamp.calendar;
+        ::snprintf(aLine, sizeof(aLine),
+                   "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d] %s:%s\n", cal.month, cal.day,
+                   cal.year, cal.hour, cal.minute, cal.second, ms, pid, tid, aLevelName, aText);
+        return;
+    }
+    LineBuilder line(aLine);
+    line.Append(stamp.text, stamp.length);
+    const char msDigits[3] = {static_cast<char>('0' + ms / 100),
+                              static_cast<char>('0' + ms / 10 % 10),
+                              static_cast<char>('0' + ms % 10)};
+    line.Append(msDigits, sizeof(msDigits));
+    line.Append(" pid=", 5);
+    line.AppendDecimal(static_cast<uint32_t>(pid));
+    line.Append(" tid=", 5);
+    line.AppendDecimal(static_cast<uint32_t>(tid));
+    line.Append("] ", 2);
+    line.Append(aLevelName);
+    line.Append(":", 1);
+    line.Append(aText);
+    line.Append("\n", 1);
 }
 
 }  // namespace
@@ -230,13 +329,7 @@ void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
     char line[RTTRACE_MAX_TRACE_LEN];
     line[0] = '\0';
     if (m_pszName && aLevel < m_dwMaskCount && m_pMasks[aLevel].name) {
-        CRtTimeValue now = CRtTimeValue::GetTimeOfDay();
-        const rtos::CalendarTime& cal = LocalCalendar(now.GetSec());
-        ::snprintf(
-            line, sizeof(line), "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d] %s:%s\n",
-            cal.month, cal.day, cal.year, cal.hour, cal.minute, cal.second,
-            static_cast<int>(now.GetUsec() / 1000), static_cast<int>(rtos::CurrentProcessId()),
-            static_cast<int>(rtos::CurrentThreadId()), m_pMasks[aLevel].name, aText ? aText : "");
+        FormatLine(line, CRtTimeValue::GetTimeOfDay(), m_pMasks[aLevel].name, aText ? aText : "");
     }
     rtos::DebugOutput(line);
 

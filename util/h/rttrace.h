@@ -62,10 +62,6 @@ public:
         unsigned char get_hex_flag() const { return m_bHex; }
         void advance(const char* aText);
         void advance(const char* aText, unsigned long aLen);
-        // Formats an integer in decimal or, with the hex flag, hexadecimal,
-        // then returns to decimal.
-        CRtLogRecorder& integer(long long aValue, unsigned long long aHexBits);
-        CRtLogRecorder& unsigned_integer(unsigned long long aValue);
 
         char* m_pBuf;
         unsigned long m_dwCapacity;

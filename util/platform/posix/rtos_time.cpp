@@ -1,21 +1,48 @@
 // Identity, clocks and sleeping on POSIX.
 #include <errno.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "rtos.h"
 
 namespace rtos {
 
+namespace {
+
+// getpid() and gettid() are system calls, and a trace line asks for both: the
+// ids are asked once and kept. A forked child starts with the parent's copies,
+// so it forgets them.
+std::atomic<uint32_t> g_pid{0};
+thread_local uint32_t t_tid = 0;
+
+void ForgetIdsInChild() {
+    g_pid.store(0, std::memory_order_relaxed);
+    t_tid = 0;
+}
+
+[[maybe_unused]] const int g_atforkRegistered =
+    ::pthread_atfork(nullptr, nullptr, &ForgetIdsInChild);
+
+}  // namespace
+
 uint32_t CurrentThreadId() {
-    // gettid() is a system call; a thread asks once and remembers.
-    static thread_local uint32_t t_tid = static_cast<uint32_t>(::syscall(SYS_gettid));
+    if (t_tid == 0) {
+        t_tid = static_cast<uint32_t>(::syscall(SYS_gettid));
+    }
     return t_tid;
 }
 
 uint32_t CurrentProcessId() {
-    return static_cast<uint32_t>(::getpid());
+    uint32_t pid = g_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = static_cast<uint32_t>(::getpid());
+        g_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 uint32_t TickCount() {
