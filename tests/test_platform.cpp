@@ -310,6 +310,7 @@ void Sink(const char* aLine) {
 }  // namespace
 
 TEST(Platform, DebugSinkInstallAndRemove) {
+    g_sunk.clear();
     rtos::DebugOutput("before\n");
     rtos::SetDebugSink(&Sink);
     rtos::DebugOutput("line one\n");
