@@ -1,0 +1,92 @@
+// CRtTimerQueueOrderedList: the timer queue the library gives every thread
+// that runs an event loop. Hosts create one only for a loop of their own; the
+// library's threads and reactors create theirs.
+#ifndef RTTIMERQUEUEORDEREDLIST_H
+#define RTTIMERQUEUEORDEREDLIST_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "rttimerqueuebase.h"
+
+// Keeps the timers ordered by (due time, newest push first), the order in
+// which CheckExpire fires them. A connection-per-timer host holds 100,000
+// timers, so the order is kept in an indexed 4-ary heap rather than a sorted
+// list: schedule, cancel and re-arm cost O(log n), peeking at the earliest
+// timer O(1). A strictly increasing push sequence breaks ties, so the heap
+// hands timers out in exactly the order a sorted list would.
+//
+// Owns its nodes; deleting the queue drops them without calling any handler.
+// Thread rules: those of CRtTimerQueueBase (owner thread only).
+class RT_API CRtTimerQueueOrderedList : public CRtTimerQueueBase {
+public:
+    explicit CRtTimerQueueOrderedList(IRtObserver* aObserver);
+    ~CRtTimerQueueOrderedList() override;
+
+protected:
+    int PushNode_l(const CNode& aNode) override;
+    int EraseNode_l(IRtTimerHandler* aEh) override;
+    int RePushNode_l(const CNode& aNode) override;
+    int PopFirstNode_l(CNode& aNode) override;
+    int GetEarliestTime_l(CRtTimeValue& aTime) override;
+
+private:
+    static constexpr uint32_t kNone = 0xFFFFFFFFu;
+
+    // One heap element: the ordering key, kept beside the slot index so that
+    // sifting compares without leaving the heap's own array.
+    struct CHeapEntry {
+        int64_t m_llDue;    // m_tvExpired in microseconds
+        uint64_t m_llSeq;   // larger: pushed later, goes first among equal due times
+        uint32_t m_dwSlot;  // index into m_Slots
+    };
+
+    // A timer's home for as long as it is stored; the heap moves only the
+    // small entries above and writes each new position back here.
+    struct CSlot {
+        CNode m_Node;
+        uint32_t m_dwHeapPos;
+    };
+
+    // Handler address -> slot index: open addressing with linear probing.
+    class CHandlerIndex {
+    public:
+        uint32_t Find(const IRtTimerHandler* aEh) const;    // kNone if absent
+        void Insert(IRtTimerHandler* aEh, uint32_t aSlot);  // aEh must be absent
+        uint32_t Erase(const IRtTimerHandler* aEh);         // the slot, or kNone
+
+    private:
+        struct CEntry {
+            IRtTimerHandler* m_pEh;  // null: free
+            uint32_t m_dwSlot;
+        };
+        size_t Home(const IRtTimerHandler* aEh) const;
+        void Grow();
+
+        std::vector<CEntry> m_Entries;  // size 0 or a power of two
+        size_t m_dwSize = 0;
+        unsigned m_nShift = 64;
+    };
+
+    static bool Before(const CHeapEntry& aLeft, const CHeapEntry& aRight) {
+        return aLeft.m_llDue < aRight.m_llDue ||
+               (aLeft.m_llDue == aRight.m_llDue && aLeft.m_llSeq > aRight.m_llSeq);
+    }
+
+    // Stores aNode in a new slot (its handler absent) or over its handler's
+    // slot; true if it replaced one.
+    bool Store_i(const CNode& aNode);
+    void Place_i(size_t aPos, const CHeapEntry& aEntry);
+    void SiftUp_i(size_t aPos);
+    void SiftDown_i(size_t aPos);
+    void RemoveAt_i(size_t aPos);  // heap position; frees the slot and its index entry
+
+    std::vector<CHeapEntry> m_Nodes;  // the heap: m_Nodes[0] is due first
+    std::vector<CSlot> m_Slots;
+    std::vector<uint32_t> m_FreeSlots;
+    CHandlerIndex m_Index;
+    uint64_t m_llNextSeq = 0;
+};
+
+#endif  // RTTIMERQUEUEORDEREDLIST_H
