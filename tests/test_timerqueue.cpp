@@ -548,12 +548,17 @@ private:
     std::vector<std::unique_ptr<RecordingHandler>> m_Handlers;
 };
 
-}  // namespace
+// Runs out of push sequence numbers every few hundred pushes.
+class RenumberingQueue : public ManualClockQueue {
+public:
+    RenumberingQueue() { SetSequenceLimit_i(400); }
+};
 
-TEST(TimerQueue, FiresInExactlyTheOrderOfASortedListUnderRandomUse) {
+template <class Queue>
+void ExpectSameCallbacksAsASortedList() {
     TraceCapture traces;
     for (unsigned seed = 1; seed <= 5; ++seed) {
-        World<ManualClockQueue> heap(seed);
+        World<Queue> heap(seed);
         World<SortedListQueue> list(seed);
         heap.Run(20000);
         list.Run(20000);
@@ -567,4 +572,14 @@ TEST(TimerQueue, FiresInExactlyTheOrderOfASortedListUnderRandomUse) {
         EXPECT_EQ(heap.m_Results, list.m_Results) << "seed " << seed;
     }
     EXPECT_EQ(traces.Count("Assert failed"), 0);
+}
+
+}  // namespace
+
+TEST(TimerQueue, FiresInExactlyTheOrderOfASortedListUnderRandomUse) {
+    ExpectSameCallbacksAsASortedList<ManualClockQueue>();
+}
+
+TEST(TimerQueue, KeepsThatOrderWhenItRenumbersItsPushSequence) {
+    ExpectSameCallbacksAsASortedList<RenumberingQueue>();
 }

@@ -1,6 +1,8 @@
 // The timer storage: an indexed 4-ary heap plus a handler index.
 #include "rttimerqueueorderedlist.h"
 
+#include <algorithm>
+
 #include "rtdebug.h"
 
 namespace {
@@ -109,11 +111,6 @@ CRtTimerQueueOrderedList::CRtTimerQueueOrderedList(IRtObserver* aObserver)
 
 CRtTimerQueueOrderedList::~CRtTimerQueueOrderedList() = default;
 
-void CRtTimerQueueOrderedList::Place_i(size_t aPos, const CHeapEntry& aEntry) {
-    m_Nodes[aPos] = aEntry;
-    m_Slots[aEntry.m_dwSlot].m_dwHeapPos = static_cast<uint32_t>(aPos);
-}
-
 void CRtTimerQueueOrderedList::SiftUp_i(size_t aPos) {
     CHeapEntry entry = m_Nodes[aPos];
     while (aPos > 0) {
@@ -153,33 +150,68 @@ void CRtTimerQueueOrderedList::SiftDown_i(size_t aPos) {
 
 void CRtTimerQueueOrderedList::RemoveAt_i(size_t aPos) {
     uint32_t dwSlot = m_Nodes[aPos].m_dwSlot;
-    m_Index.Erase(m_Slots[dwSlot].m_Node.m_pEh);
+    m_Index.Erase(m_Slots[dwSlot].m_pEh);
     m_FreeSlots.push_back(dwSlot);
 
     CHeapEntry last = m_Nodes.back();
     m_Nodes.pop_back();
-    if (aPos < m_Nodes.size()) {
-        Place_i(aPos, last);
-        if (aPos > 0 && Before(last, m_Nodes[(aPos - 1) / kArity])) {
-            SiftUp_i(aPos);
-        } else {
-            SiftDown_i(aPos);
-        }
+    const size_t dwSize = m_Nodes.size();
+    if (aPos == dwSize) {
+        return;
     }
+    // Bottom-up: walk the hole down to a leaf along the earliest children,
+    // then let the old last entry rise from there. The last entry usually
+    // belongs near the bottom, so this saves a comparison per level.
+    size_t dwHole = aPos;
+    for (;;) {
+        size_t dwFirst = dwHole * kArity + 1;
+        if (dwFirst >= dwSize) {
+            break;
+        }
+        size_t dwLast = dwFirst + kArity < dwSize ? dwFirst + kArity : dwSize;
+        size_t dwBest = dwFirst;
+        for (size_t c = dwFirst + 1; c < dwLast; ++c) {
+            if (Before(m_Nodes[c], m_Nodes[dwBest])) {
+                dwBest = c;
+            }
+        }
+        Place_i(dwHole, m_Nodes[dwBest]);
+        dwHole = dwBest;
+    }
+    m_Nodes[dwHole] = last;
+    SiftUp_i(dwHole);
+}
+
+uint32_t CRtTimerQueueOrderedList::NextSeq_i() {
+    if (m_dwNextSeq >= m_dwSeqLimit) {
+        Renumber_i();
+    }
+    return m_dwNextSeq++;
+}
+
+void CRtTimerQueueOrderedList::Renumber_i() {
+    // A sorted array is a valid heap. Numbering it downwards from the front
+    // keeps every tie in its order, and leaves room for 4 billion pushes more.
+    std::sort(m_Nodes.begin(), m_Nodes.end(), Before);
+    const size_t dwSize = m_Nodes.size();
+    for (size_t i = 0; i < dwSize; ++i) {
+        m_Nodes[i].m_dwSeq = static_cast<uint32_t>(dwSize - i);
+        m_HeapPos[m_Nodes[i].m_dwSlot] = static_cast<uint32_t>(i);
+    }
+    m_dwNextSeq = static_cast<uint32_t>(dwSize + 1);
 }
 
 bool CRtTimerQueueOrderedList::Store_i(const CNode& aNode) {
     // Every push takes a fresh, larger sequence number: among equal due times
     // the node pushed last goes first, for new and re-armed timers alike.
-    CHeapEntry entry{ToUsec(aNode.m_tvExpired), m_llNextSeq++, 0};
+    CHeapEntry entry{ToUsec(aNode.m_tvExpired), NextSeq_i(), 0};
 
     uint32_t dwSlot = m_Index.Find(aNode.m_pEh);
     if (dwSlot != kNone) {
         // Re-arm in place: the heap entry moves, the slot and index stay.
-        CSlot& slot = m_Slots[dwSlot];
-        slot.m_Node = aNode;
+        m_Slots[dwSlot] = aNode;
         entry.m_dwSlot = dwSlot;
-        size_t dwPos = slot.m_dwHeapPos;
+        size_t dwPos = m_HeapPos[dwSlot];
         bool bEarlier = Before(entry, m_Nodes[dwPos]);
         m_Nodes[dwPos] = entry;
         if (bEarlier) {
@@ -192,11 +224,12 @@ bool CRtTimerQueueOrderedList::Store_i(const CNode& aNode) {
 
     if (m_FreeSlots.empty()) {
         dwSlot = static_cast<uint32_t>(m_Slots.size());
-        m_Slots.push_back(CSlot{aNode, 0});
+        m_Slots.push_back(aNode);
+        m_HeapPos.push_back(0);
     } else {
         dwSlot = m_FreeSlots.back();
         m_FreeSlots.pop_back();
-        m_Slots[dwSlot].m_Node = aNode;
+        m_Slots[dwSlot] = aNode;
     }
     m_Index.Insert(aNode.m_pEh, dwSlot);
     entry.m_dwSlot = dwSlot;
@@ -222,13 +255,13 @@ int CRtTimerQueueOrderedList::EraseNode_l(IRtTimerHandler* aEh) {
     if (dwSlot == kNone) {
         return 1;
     }
-    RemoveAt_i(m_Slots[dwSlot].m_dwHeapPos);
+    RemoveAt_i(m_HeapPos[dwSlot]);
     return 0;
 }
 
 int CRtTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     RT_ASSERTE_RETURN(!m_Nodes.empty(), -1);
-    aNode = m_Slots[m_Nodes.front().m_dwSlot].m_Node;
+    aNode = m_Slots[m_Nodes.front().m_dwSlot];
     RemoveAt_i(0);
     return 0;
 }
@@ -237,6 +270,6 @@ int CRtTimerQueueOrderedList::GetEarliestTime_l(CRtTimeValue& aTime) {
     if (m_Nodes.empty()) {
         return -1;
     }
-    aTime = m_Slots[m_Nodes.front().m_dwSlot].m_Node.m_tvExpired;
+    aTime = m_Slots[m_Nodes.front().m_dwSlot].m_tvExpired;
     return 0;
 }
