@@ -6,8 +6,8 @@
 
 namespace {
 
-// Due times are worked out in microseconds so that a huge interval saturates
-// at "never" instead of wrapping the 32-bit seconds into the past.
+// Skipped periods are counted in microseconds, saturating at "never" instead
+// of wrapping the 32-bit seconds into the past.
 constexpr int64_t kUsecPerSec = 1000000;
 
 int64_t ToUsec(const CRtTimeValue& aTv) {
@@ -25,6 +25,15 @@ CRtTimeValue FromUsecSaturated(int64_t aUsec) {
     }
     return CRtTimeValue(static_cast<long>(aUsec / kUsecPerSec),
                         static_cast<long>(aUsec % kUsecPerSec));
+}
+
+// aNow + aInterval, saturated at "never" rather than wrapped into the past.
+// The clock is positive, so only a large positive interval can overflow.
+CRtTimeValue DueTime(const CRtTimeValue& aNow, const CRtTimeValue& aInterval) {
+    if (aInterval >= CRtTimeValue::s_tvMax - aNow) {
+        return CRtTimeValue::s_tvMax;
+    }
+    return aNow + aInterval;
 }
 
 // The first aExpired + k * aInterval (k >= 0) after aCur. One division rather
@@ -68,7 +77,7 @@ int CRtTimerQueueBase::ScheduleTimer(IRtTimerHandler* aEh, void* aToken,
 
         CNode node(aEh, aToken);
         node.m_tvInterval = aInterval;
-        node.m_tvExpired = FromUsecSaturated(ToUsec(GetTimeOfDay_i()) + ToUsec(aInterval));
+        node.m_tvExpired = DueTime(GetTimeOfDay_i(), aInterval);
         // Counts beyond 32 bits cannot be told from "without end" in practice.
         node.m_dwCount = (aCount == 0 || aCount >= kCountForever) ? kCountForever
                                                                   : static_cast<uint32_t>(aCount);
