@@ -10,5 +10,8 @@
 #include "rtmutex.h"
 #include "rtconditionvariable.h"
 #include "rtutiltemplates.h"
+#include "rtobserver.h"
+#include "rttimerqueuebase.h"
+#include "rttimerqueueorderedlist.h"
 
 #endif  // RTFRAMEWORK_H
