@@ -10,5 +10,8 @@
 #include "rtmutex.h"
 #include "rtconditionvariable.h"
 #include "rtutiltemplates.h"
+#include "rtreferencecontrol.h"
+#include "rtdatablock.h"
+#include "rtmessageblock.h"
 
 #endif  // RTFRAMEWORK_H
