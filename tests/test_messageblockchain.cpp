@@ -276,7 +276,9 @@ TEST(MessageBlockChainOps, DisjointInsideASingleBlockSharesItsData) {
     EXPECT_EQ(rest->GetTopLevelReadPtr(), mb->GetTopLevelReadPtr() + 5);
     EXPECT_EQ(mb->FlattenChained(), "01234");
     EXPECT_EQ(mb->GetNext(), nullptr);
-    EXPECT_EQ(mb->GetTopLevelSpace(), 3u);  // the shared tail is not space to write over
+    // The kept part's space is the other part's data: both share one buffer.
+    EXPECT_EQ(mb->GetTopLevelSpace(), 3u);
+    EXPECT_EQ(mb->GetTopLevelWritePtr(), rest->GetTopLevelReadPtr());
     rest->DestroyChained();
     delete mb;
 }
@@ -394,7 +396,9 @@ TEST(MessageBlockChainOps, DestroyChainedFreesOnlyDuplicatedBlocks) {
     delete head;
 
     // An owned block in the middle is traced and skipped; the walk goes on.
-    CRtMessageBlock* first = MakeBlock("a")->DuplicateTopLevel();
+    CRtMessageBlock* source = MakeBlock("a");
+    CRtMessageBlock* first = source->DuplicateTopLevel();
+    delete source;
     CRtMessageBlock* middle = MakeBlock("b");
     CRtMessageBlock* last = middle->DuplicateTopLevel();
     first->Append(middle);

@@ -127,6 +127,9 @@ public:
     // rest, or null when nothing follows them (or out of memory, with the
     // chain unchanged). Every block of the result is DUPLICATED: blocks that
     // were not are replaced by duplicates and left detached with their owner.
+    // A split inside a block leaves both parts over one buffer, and the space
+    // of the kept part covers the bytes of the returned one: do not write
+    // into the kept part.
     CRtMessageBlock* Disjoint(unsigned long aStart);
     // Deletes the DUPLICATED blocks of the chain, this one included; others
     // are traced and left alive, still linked to blocks that may be gone.
