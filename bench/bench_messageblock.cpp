@@ -204,6 +204,7 @@ void BM_MessageBlock_FillIov32(benchmark::State& state) {
     for (auto _ : state) {
         unsigned long n = chain.Head()->FillIov(iov, kLargeChain, ~0ul);
         benchmark::DoNotOptimize(n);
+        benchmark::DoNotOptimize(iov);
         benchmark::ClobberMemory();
     }
 }
@@ -220,6 +221,7 @@ void BM_Baseline_SharedVector_FillIov32(benchmark::State& state) {
             ++n;
         }
         benchmark::DoNotOptimize(n);
+        benchmark::DoNotOptimize(iov);
         benchmark::ClobberMemory();
     }
 }

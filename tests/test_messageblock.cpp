@@ -4,27 +4,9 @@
 #include <cstring>
 #include <string>
 
+#include "messageblock_helpers.h"
 #include "rtmessageblock.h"
 #include "trace_capture.h"
-
-namespace {
-
-// A block of its own data block holding aText as readable bytes.
-CRtMessageBlock* MakeBlock(const std::string& aText, unsigned long aExtraSpace = 0) {
-    CRtMessageBlock* mb = new CRtMessageBlock(aText.size() + aExtraSpace);
-    mb->Write(aText.data(), aText.size());
-    return mb;
-}
-
-int CountContaining(const std::vector<std::string>& aLines, const std::string& aText) {
-    int n = 0;
-    for (const std::string& line : aLines) {
-        n += line.find(aText) != std::string::npos ? 1 : 0;
-    }
-    return n;
-}
-
-}  // namespace
 
 TEST(MessageBlock, ConstructedWithASizeHasSpaceAndOptionallyData) {
     CRtMessageBlock fresh(100);
@@ -187,7 +169,7 @@ TEST(MessageBlock, WriteCopiesIntoThisBlockOnlyAndReportsPartialWrites) {
     delete second;
 }
 
-class MessageBlockChain : public ::testing::Test {
+class MessageBlockReadPeek : public ::testing::Test {
 protected:
     // Blocks holding "abcd", nothing and "efg".
     void SetUp() override {
@@ -207,7 +189,7 @@ protected:
     CRtMessageBlock* m_pC = nullptr;
 };
 
-TEST_F(MessageBlockChain, ReadCrossesEmptyBlocksAndReportsShortReads) {
+TEST_F(MessageBlockReadPeek, ReadCrossesEmptyBlocksAndReportsShortReads) {
     char out[16] = {};
     unsigned long n = 99;
     EXPECT_EQ(m_pA->Read(out, 10, &n), RT_ERROR_PARTIAL_DATA);
@@ -219,7 +201,7 @@ TEST_F(MessageBlockChain, ReadCrossesEmptyBlocksAndReportsShortReads) {
     EXPECT_EQ(n, 0u);
 }
 
-TEST_F(MessageBlockChain, ReadStopsExactlyWhereTheRequestIsMet) {
+TEST_F(MessageBlockReadPeek, ReadStopsExactlyWhereTheRequestIsMet) {
     char out[16] = {};
     unsigned long n = 99;
     EXPECT_EQ(m_pA->Read(out, 5, &n), RT_OK);
@@ -232,7 +214,7 @@ TEST_F(MessageBlockChain, ReadStopsExactlyWhereTheRequestIsMet) {
     EXPECT_EQ(m_pA->FlattenChained(), "g");
 }
 
-TEST_F(MessageBlockChain, ReadWithoutAdvanceMovesNothing) {
+TEST_F(MessageBlockReadPeek, ReadWithoutAdvanceMovesNothing) {
     char out[16] = {};
     unsigned long n = 99;
     EXPECT_EQ(m_pA->Read(out, 6, &n, FALSE), RT_OK);
@@ -241,7 +223,7 @@ TEST_F(MessageBlockChain, ReadWithoutAdvanceMovesNothing) {
     EXPECT_EQ(m_pA->FlattenChained(), "abcdefg");
 }
 
-TEST_F(MessageBlockChain, PeekCopiesAcrossBlocksAtAnyPosition) {
+TEST_F(MessageBlockReadPeek, PeekCopiesAcrossBlocksAtAnyPosition) {
     char out[16] = {};
     unsigned long n = 99;
     EXPECT_EQ(m_pA->Peek(out, 3, 2, &n), RT_OK);
@@ -256,7 +238,7 @@ TEST_F(MessageBlockChain, PeekCopiesAcrossBlocksAtAnyPosition) {
     EXPECT_EQ(m_pA->GetChainedLength(), 7u);
 }
 
-TEST_F(MessageBlockChain, PeekPastTheEndIsPartial) {
+TEST_F(MessageBlockReadPeek, PeekPastTheEndIsPartial) {
     char out[16] = {};
     unsigned long n = 99;
     EXPECT_EQ(m_pA->Peek(out, 1, 7, &n), RT_ERROR_PARTIAL_DATA);
