@@ -13,5 +13,8 @@
 #include "rtobserver.h"
 #include "rttimerqueuebase.h"
 #include "rttimerqueueorderedlist.h"
+#include "rtreferencecontrol.h"
+#include "rtdatablock.h"
+#include "rtmessageblock.h"
 
 #endif  // RTFRAMEWORK_H
