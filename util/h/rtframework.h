@@ -10,5 +10,6 @@
 #include "rtmutex.h"
 #include "rtconditionvariable.h"
 #include "rtutiltemplates.h"
+#include "rtutilclasses.h"
 
 #endif  // RTFRAMEWORK_H
