@@ -16,5 +16,6 @@
 #include "rtreferencecontrol.h"
 #include "rtdatablock.h"
 #include "rtmessageblock.h"
+#include "rtutilclasses.h"
 
 #endif  // RTFRAMEWORK_H

@@ -1,0 +1,348 @@
+#include <gtest/gtest.h>
+
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rtdebug.h"
+#include "rtos.h"
+#include "rtoscom.h"
+#include "rtosnet.h"
+#include "rtutilclasses.h"
+
+namespace {
+
+// Collects the trace lines while a test runs.
+std::mutex g_linesMutex;
+std::vector<std::string> g_lines;
+
+void CollectLine(const char* aLine) {
+    std::lock_guard<std::mutex> lock(g_linesMutex);
+    g_lines.push_back(aLine);
+}
+
+class TraceCapture {
+public:
+    TraceCapture() {
+        Clear();
+        RtSetDebugOutputSink(CollectLine);
+    }
+    ~TraceCapture() { RtSetDebugOutputSink(nullptr); }
+
+    static void Clear() {
+        std::lock_guard<std::mutex> lock(g_linesMutex);
+        g_lines.clear();
+    }
+    static size_t Count(const std::string& aText) {
+        std::lock_guard<std::mutex> lock(g_linesMutex);
+        return std::count_if(g_lines.begin(), g_lines.end(), [&](const std::string& l) {
+            return l.find(aText) != std::string::npos;
+        });
+    }
+};
+
+const char kNotFound[] = "::RtCoUninitialize, COM initialization record not found! threadID=";
+
+std::string ThreadIdText(const char* aPrefix) {
+    return aPrefix + std::to_string(rtos::CurrentThreadId());
+}
+
+uint32_t Ipv4(unsigned char a, unsigned char b, unsigned char c, unsigned char d) {
+    const unsigned char bytes[4] = {a, b, c, d};
+    uint32_t v;
+    std::memcpy(&v, bytes, 4);
+    return v;
+}
+
+}  // namespace
+
+// ---- rt_strcaserstr -----------------------------------------------------------
+
+TEST(StrCaseRStr, FindsTheLastOccurrenceWithoutRegardToCase) {
+    const char* s = "abcABC";
+    EXPECT_EQ(rt_strcaserstr(s, "bc"), s + 4);
+    EXPECT_EQ(rt_strcaserstr(s, "BC"), s + 4);
+    EXPECT_EQ(rt_strcaserstr(s, "aBc"), s + 3);
+    EXPECT_EQ(rt_strcaserstr(s, "ABCABC"), s);
+    EXPECT_EQ(rt_strcaserstr(s, "a"), s + 3);
+    EXPECT_EQ(rt_strcaserstr(s, "c"), s + 5);
+    const char* overlapping = "aaaa";
+    EXPECT_EQ(rt_strcaserstr(overlapping, "AA"), overlapping + 2);
+    const char* host = "Mail.Example.COM.example.com";
+    EXPECT_EQ(rt_strcaserstr(host, ".EXAMPLE."), host + 16);
+    EXPECT_EQ(rt_strcaserstr(host, "mail."), host);
+}
+
+TEST(StrCaseRStr, GivesNullForMissingOrEmptyArguments) {
+    EXPECT_EQ(rt_strcaserstr("abc", "abcd"), nullptr);
+    EXPECT_EQ(rt_strcaserstr("abc", "x"), nullptr);
+    EXPECT_EQ(rt_strcaserstr("abc", "bd"), nullptr);
+    EXPECT_EQ(rt_strcaserstr(nullptr, "a"), nullptr);
+    EXPECT_EQ(rt_strcaserstr("a", nullptr), nullptr);
+    EXPECT_EQ(rt_strcaserstr(nullptr, nullptr), nullptr);
+    EXPECT_EQ(rt_strcaserstr("", "a"), nullptr);
+    EXPECT_EQ(rt_strcaserstr("a", ""), nullptr);
+}
+
+TEST(StrCaseRStr, FoldsOnlyAsciiLetters) {
+    EXPECT_EQ(rt_strcaserstr("\xc4", "\xe4"), nullptr);  // Latin-1 A/a umlaut
+    EXPECT_EQ(rt_strcaserstr("[", "{"), nullptr);        // 0x5B and 0x7B differ by 0x20 too
+    const char* s = "x\xc4y";
+    EXPECT_EQ(rt_strcaserstr(s, "\xc4Y"), s + 1);
+}
+
+// ---- COM initialisation ----------------------------------------------------------
+
+TEST(CoInitialize, CountsCallsOnOneThread) {
+    TraceCapture trace;
+    ASSERT_EQ(rtos::CoInitializeCount(), 0u);
+    EXPECT_EQ(RtCoInitialize(), RT_OK);
+    EXPECT_EQ(RtCoInitialize(), RT_OK);
+    EXPECT_EQ(rtos::CoInitializeCount(), 1u);  // the platform was asked once
+
+    RtCoUninitialize();
+    EXPECT_EQ(rtos::CoInitializeCount(), 1u);
+    RtCoUninitialize();
+    EXPECT_EQ(rtos::CoInitializeCount(), 0u);
+    EXPECT_EQ(TraceCapture::Count(kNotFound), 0u);
+
+    RtCoUninitialize();
+    EXPECT_EQ(TraceCapture::Count(ThreadIdText(kNotFound)), 1u);
+    EXPECT_EQ(rtos::CoInitializeCount(), 0u);
+
+    // The thread starts over after balancing.
+    EXPECT_EQ(RtCoInitialize(), RT_OK);
+    EXPECT_EQ(rtos::CoInitializeCount(), 1u);
+    RtCoUninitialize();
+    EXPECT_EQ(rtos::CoInitializeCount(), 0u);
+}
+
+TEST(CoInitialize, FailsWhereSomeoneElseInitialisedTheThread) {
+    TraceCapture trace;
+    ASSERT_EQ(rtos::CoInitialize(), 0);
+    EXPECT_EQ(RtCoInitialize(), RT_ERROR_FAILURE);
+    const std::string failed = "::RtCoInitialize, CoInitialize failed! rv=1 threadID=" +
+                               std::to_string(rtos::CurrentThreadId());
+    EXPECT_EQ(TraceCapture::Count(failed), 1u);
+    // The other party's initialisation is left as it was.
+    EXPECT_EQ(rtos::CoInitializeCount(), 1u);
+
+    // No record was made.
+    RtCoUninitialize();
+    EXPECT_EQ(TraceCapture::Count(ThreadIdText(kNotFound)), 1u);
+    EXPECT_EQ(rtos::CoInitializeCount(), 1u);
+    rtos::CoUninitialize();
+}
+
+TEST(CoInitialize, KeepsOneRecordPerThread) {
+    TraceCapture trace;
+    const int kThreads = 8;
+    const int kRounds = 200;
+    std::atomic<int> failures{0};
+    std::atomic<int> initialised{0};
+    std::vector<uint32_t> tids(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            tids[t] = rtos::CurrentThreadId();
+            for (int round = 0; round < kRounds; ++round) {
+                const int depth = 1 + (t + round) % 5;
+                for (int i = 0; i < depth; ++i) {
+                    failures += RtCoInitialize() != RT_OK;
+                }
+                failures += rtos::CoInitializeCount() != 1u;
+                for (int i = 0; i < depth; ++i) {
+                    RtCoUninitialize();
+                }
+                failures += rtos::CoInitializeCount() != 0u;
+            }
+            // Every thread holds a record at once here.
+            failures += RtCoInitialize() != RT_OK;
+            ++initialised;
+            while (initialised.load() < kThreads) {
+                std::this_thread::yield();
+            }
+            RtCoUninitialize();
+            RtCoUninitialize();  // one too many: no record left
+            failures += rtos::CoInitializeCount() != 0u;
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(TraceCapture::Count(kNotFound), static_cast<size_t>(kThreads));
+    for (uint32_t tid : tids) {
+        EXPECT_EQ(TraceCapture::Count(kNotFound + std::to_string(tid) + "\n"), 1u) << tid;
+    }
+}
+
+TEST(CoInitialize, RefusesToWrapTheSixteenBitCount) {
+    TraceCapture trace;
+    for (int i = 0; i < 65535; ++i) {
+        ASSERT_EQ(RtCoInitialize(), RT_OK) << i;
+    }
+    EXPECT_EQ(RtCoInitialize(), RT_ERROR_FAILURE);
+    EXPECT_EQ(TraceCapture::Count("::RtCoInitialize, too many calls!"), 1u);
+    for (int i = 0; i < 65534; ++i) {
+        RtCoUninitialize();
+    }
+    EXPECT_EQ(rtos::CoInitializeCount(), 1u);
+    RtCoUninitialize();
+    EXPECT_EQ(rtos::CoInitializeCount(), 0u);
+    EXPECT_EQ(TraceCapture::Count(kNotFound), 0u);
+}
+
+// ---- Name lookup and the local address ---------------------------------------------
+
+TEST(LocalIP, IsTheFirstAddressOfTheHostName) {
+    char name[257];
+    ASSERT_EQ(rtos::GetHostName(name, sizeof(name)), 0);
+    EXPECT_GT(std::strlen(name), 0u);
+    rtos::HostInfo info;
+    const bool resolvable = rtos::LookupHostIPv4(name, info) == 0;
+
+    const unsigned long ip = RtGetLocalIP();
+    if (!resolvable) {
+        EXPECT_EQ(ip, 0u);  // a machine whose name has no address
+        return;
+    }
+    EXPECT_EQ(ip, info.addrs[0]);
+    unsigned char bytes[4];
+    const uint32_t ip32 = static_cast<uint32_t>(ip);
+    std::memcpy(bytes, &ip32, 4);
+    EXPECT_NE(bytes[0], 0);    // not 0.x.x.x
+    EXPECT_LT(bytes[0], 224);  // not multicast or reserved
+    EXPECT_EQ(ip >> 32, 0u);   // no bits past 32
+}
+
+TEST(HostLookup, ResolvesDottedAddressesAndLocalhostInNetworkOrder) {
+    rtos::HostInfo info;
+    ASSERT_EQ(rtos::LookupHostIPv4("10.1.2.3", info), 0);
+    ASSERT_EQ(info.addrs.size(), 1u);
+    EXPECT_EQ(info.addrs[0], Ipv4(10, 1, 2, 3));
+    EXPECT_EQ(info.name, "10.1.2.3");
+
+    ASSERT_EQ(rtos::LookupHostIPv4("localhost", info), 0);
+    EXPECT_NE(std::find(info.addrs.begin(), info.addrs.end(), Ipv4(127, 0, 0, 1)),
+              info.addrs.end());
+    // One entry per address, not one per socket type.
+    std::vector<uint32_t> sorted = info.addrs;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(std::unique(sorted.begin(), sorted.end()), sorted.end());
+}
+
+TEST(HostLookup, FailsWithANonZeroError) {
+    rtos::HostInfo info;
+    EXPECT_EQ(rtos::LookupHostIPv4(nullptr, info), rtos::kHostNotFound);
+    EXPECT_EQ(rtos::LookupHostIPv4("", info), rtos::kHostNotFound);
+    EXPECT_NE(rtos::LookupHostIPv4("no-such-host.invalid", info), 0);
+    EXPECT_TRUE(info.addrs.empty());
+
+    EXPECT_NE(rtos::GetHostName(nullptr, 10), 0);
+    char one[1] = {'x'};
+    rtos::GetHostName(one, sizeof(one));
+    EXPECT_EQ(one[0], '\0');  // always terminated, even when cut
+}
+
+TEST(HostentLayout, PointsEveryFieldIntoTheCallersBuffer) {
+    rtos::HostInfo info;
+    info.name = "www.example.test";
+    info.aliases = {"alias-one", "alias-two"};
+    info.addrs = {Ipv4(192, 0, 2, 1), Ipv4(192, 0, 2, 2), Ipv4(192, 0, 2, 3)};
+
+    // An odd start: the caller's buffer need not be aligned.
+    alignas(8) char storage[1025];
+    char* buf = storage + 1;
+    hostent* host = reinterpret_cast<hostent*>(0x1);
+    ASSERT_EQ(rtos::LayoutHostent(info, buf, 1024, &host), 0);
+    ASSERT_NE(host, nullptr);
+    auto inside = [&](const void* p) {
+        return static_cast<const char*>(p) >= buf && static_cast<const char*>(p) < buf + 1024;
+    };
+    EXPECT_TRUE(inside(host));
+    EXPECT_TRUE(inside(host->h_name));
+    EXPECT_STREQ(host->h_name, "www.example.test");
+    EXPECT_EQ(host->h_addrtype, AF_INET);
+    EXPECT_EQ(host->h_length, 4);
+    ASSERT_TRUE(inside(host->h_aliases));
+    EXPECT_STREQ(host->h_aliases[0], "alias-one");
+    EXPECT_STREQ(host->h_aliases[1], "alias-two");
+    EXPECT_EQ(host->h_aliases[2], nullptr);
+    ASSERT_TRUE(inside(host->h_addr_list));
+    for (size_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(inside(host->h_addr_list[i]));
+        uint32_t a;
+        std::memcpy(&a, host->h_addr_list[i], 4);
+        EXPECT_EQ(a, info.addrs[i]);
+    }
+    EXPECT_EQ(host->h_addr_list[3], nullptr);
+}
+
+TEST(HostentLayout, CutsAliasesFirstThenAddressesToFit) {
+    rtos::HostInfo info;
+    info.name = "many.example.test";
+    info.aliases = {"first-alias", "second-alias"};
+    for (unsigned i = 0; i < 200; ++i) {
+        info.addrs.push_back(
+            Ipv4(10, 0, static_cast<unsigned char>(i / 256), static_cast<unsigned char>(i)));
+    }
+    std::vector<char> buf(1024);
+    hostent* host = nullptr;
+    ASSERT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), &host), 0);
+    EXPECT_EQ(host->h_aliases[0], nullptr);
+    size_t n = 0;
+    while (host->h_addr_list[n]) {
+        uint32_t a;
+        std::memcpy(&a, host->h_addr_list[n], 4);
+        EXPECT_EQ(a, info.addrs[n]);  // the first ones kept, in order
+        ++n;
+    }
+    EXPECT_GT(n, 50u);
+    EXPECT_LT(n, 200u);
+
+    // With room for the addresses, the aliases that fit are kept.
+    info.addrs.resize(4);
+    info.aliases.push_back(std::string(2000, 'x'));
+    info.aliases.push_back("last");
+    ASSERT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), &host), 0);
+    EXPECT_STREQ(host->h_aliases[0], "first-alias");
+    EXPECT_STREQ(host->h_aliases[1], "second-alias");
+    EXPECT_STREQ(host->h_aliases[2], "last");
+    EXPECT_EQ(host->h_aliases[3], nullptr);
+    EXPECT_NE(host->h_addr_list[3], nullptr);
+    EXPECT_EQ(host->h_addr_list[4], nullptr);
+}
+
+TEST(HostentLayout, RefusesABufferTooSmallForTheName) {
+    rtos::HostInfo info;
+    info.name = std::string(2000, 'n');
+    info.addrs = {Ipv4(10, 0, 0, 1)};
+    std::vector<char> buf(1024);
+    hostent* host = reinterpret_cast<hostent*>(0x1);
+    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), &host), ENOBUFS);
+    EXPECT_EQ(host, nullptr);
+    info.name = "short";
+    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), 8, &host), ENOBUFS);
+    EXPECT_EQ(rtos::LayoutHostent(info, nullptr, 1024, &host), EINVAL);
+    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), nullptr), EINVAL);
+}
+
+TEST(HostentLayout, GetHostByNameLooksUpAndLaysOut) {
+    char buf[1024];
+    hostent* host = nullptr;
+    ASSERT_EQ(rtos::GetHostByName("127.0.0.1", buf, sizeof(buf), &host), 0);
+    ASSERT_NE(host, nullptr);
+    uint32_t a;
+    std::memcpy(&a, host->h_addr_list[0], 4);
+    EXPECT_EQ(a, Ipv4(127, 0, 0, 1));
+    EXPECT_NE(rtos::GetHostByName("", buf, sizeof(buf), &host), 0);
+    EXPECT_EQ(host, nullptr);
+}

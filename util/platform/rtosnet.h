@@ -1,0 +1,56 @@
+// The platform layer's name resolution: the local host name and a blocking,
+// thread-safe lookup of IPv4 addresses, and the layout of a lookup's result as
+// a hostent in a caller's buffer (what gethostbyname and the asynchronous
+// lookups hand back on Windows). Building blocks of the library; hosts never
+// include this file.
+//
+// Thread rules: every function may be called from any thread; none keeps state.
+#ifndef RTOSNET_H
+#define RTOSNET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "rtexport.h"
+
+// The system's own type; declared here so that callers need no system header.
+struct hostent;
+
+namespace rtos {
+
+// Lookup errors: the values of h_errno, so they read the same as the system's.
+constexpr int kHostNotFound = 1;  // no such name
+constexpr int kTryAgain = 2;      // the name server did not answer; may work later
+constexpr int kNoRecovery = 3;    // the lookup failed for good
+constexpr int kNoData = 4;        // the name exists but has no IPv4 address
+// A hostent layout also fails with ENOBUFS when not even the name fits.
+
+// A lookup's result, neutral of any layout.
+struct HostInfo {
+    std::string name;                  // the official (canonical) name
+    std::vector<std::string> aliases;  // other names of the host
+    std::vector<uint32_t> addrs;       // IPv4 addresses in network byte order, no repeats
+};
+
+// The local host's name, terminated, in aBuf of aLen bytes. 0 or the error.
+RT_API int GetHostName(char* aBuf, size_t aLen);
+
+// Blocks until aName (a host name or a dotted IPv4 address) is resolved to its
+// IPv4 addresses. 0 and aOut filled, or one of the lookup errors above.
+RT_API int LookupHostIPv4(const char* aName, HostInfo& aOut);
+
+// Lays aInfo out as a hostent at the start of aBuf (aLen bytes, any alignment):
+// the hostent, its alias and address lists and the strings, every pointer
+// leading into aBuf. Entries that do not fit are cut, aliases first, then
+// addresses from the end. 0 and *aHost set, or ENOBUFS when not even the
+// hostent and its name fit (*aHost is then null).
+RT_API int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent** aHost);
+
+// gethostbyname into a caller's buffer: LookupHostIPv4, then LayoutHostent.
+RT_API int GetHostByName(const char* aName, void* aBuf, size_t aLen, hostent** aHost);
+
+}  // namespace rtos
+
+#endif  // RTOSNET_H
