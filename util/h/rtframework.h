@@ -10,5 +10,9 @@
 #include "rtmutex.h"
 #include "rtconditionvariable.h"
 #include "rtutiltemplates.h"
+#include "rteventqueuebase.h"
+#include "rtthreadmanager.h"
+#include "rtthread.h"
+#include "rtthreadtask.h"
 
 #endif  // RTFRAMEWORK_H
