@@ -2,4 +2,6 @@
 
 #include "rttimevalue.h"
 
-TEST(TimeValue, Placeholder) { EXPECT_EQ(CRtTimeValue(1L, -1L).GetUsec(), 999999); }
+TEST(TimeValue, Placeholder) {
+    EXPECT_EQ(CRtTimeValue(1L, -1L).GetUsec(), 999999);
+}

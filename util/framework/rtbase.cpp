@@ -20,4 +20,6 @@ CRtTimeValue CRtTimeValue::GetTimeOfDay() {
                         static_cast<long>((units % 10000000u) / 10u));
 }
 
-uint64_t GetTickCountEx() { return rtos::TickCount(); }
+uint64_t GetTickCountEx() {
+    return rtos::TickCount();
+}

@@ -20,8 +20,12 @@ uint32_t ToWaitMsec(const CRtTimeValue* aTimeout) {
 
 // ---- CRtMutexBase -----------------------------------------------------------
 
-CRtMutexBase::CRtMutexBase() { rtos::LockInit(m_Lock); }
-CRtMutexBase::~CRtMutexBase() { rtos::LockDestroy(m_Lock); }
+CRtMutexBase::CRtMutexBase() {
+    rtos::LockInit(m_Lock);
+}
+CRtMutexBase::~CRtMutexBase() {
+    rtos::LockDestroy(m_Lock);
+}
 
 int CRtMutexBase::Lock() {
     rtos::LockEnter(m_Lock);
@@ -33,22 +37,25 @@ int CRtMutexBase::UnLock() {
     return RT_OK;
 }
 
-int CRtMutexBase::TryLock() { return rtos::LockTryEnter(m_Lock) ? RT_OK : RT_ERROR_FAILURE; }
+int CRtMutexBase::TryLock() {
+    return rtos::LockTryEnter(m_Lock) ? RT_OK : RT_ERROR_FAILURE;
+}
 
 // ---- CRtSemaphore -----------------------------------------------------------
 
 CRtSemaphore::CRtSemaphore(long aInitialCount, const char* aName, long aMaximumCount)
     : m_hSemaphore(rtos::SemaphoreCreate(aInitialCount, aMaximumCount, aName)) {
     if (!m_hSemaphore) {
-        RT_ERROR_TRACE("CRtSemaphore::CRtSemaphore, CreateSemaphoreA() failed! err="
-                       << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtSemaphore::CRtSemaphore, CreateSemaphoreA() failed! err=" << rtos::LastError());
         RT_ASSERTE(FALSE);
     }
 }
 
 CRtSemaphore::~CRtSemaphore() {
     if (m_hSemaphore && !rtos::HandleClose(m_hSemaphore)) {
-        RT_ERROR_TRACE("CRtSemaphore::~CRtSemaphore, CloseHandle() failed! err=" << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtSemaphore::~CRtSemaphore, CloseHandle() failed! err=" << rtos::LastError());
     }
 }
 
@@ -57,15 +64,16 @@ int CRtSemaphore::Lock() {
     if (ret == rtos::kWaitSignalled) {
         return RT_OK;
     }
-    RT_ERROR_TRACE("CRtSemaphore::Lock, WaitForSingleObject() failed! dwRet="
-                   << ret << " err=" << rtos::LastError());
+    RT_ERROR_TRACE("CRtSemaphore::Lock, WaitForSingleObject() failed! dwRet=" << ret << " err="
+                                                                              << rtos::LastError());
     return RT_ERROR_FAILURE;
 }
 
 int CRtSemaphore::UnLock(long aCount) {
     RT_ASSERTE(aCount >= 1);
     if (!rtos::SemaphoreRelease(m_hSemaphore, aCount)) {
-        RT_ERROR_TRACE("CRtSemaphore::UnLock, ReleaseSemaphore() failed! err=" << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtSemaphore::UnLock, ReleaseSemaphore() failed! err=" << rtos::LastError());
         return RT_ERROR_FAILURE;
     }
     return RT_OK;
@@ -125,8 +133,8 @@ int CRtConditionVariableThread::Wait(CRtTimeValue* aTimeout) {
     }
 
     if (lastOfBroadcast && !rtos::EventSet(m_hWaitersDone)) {
-        RT_ERROR_TRACE("CRtConditionVariableThread::Wait, SetEvent() failed! err="
-                       << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtConditionVariableThread::Wait, SetEvent() failed! err=" << rtos::LastError());
     }
     m_MutexExternal.Lock();
     return rv;
@@ -159,8 +167,9 @@ int CRtConditionVariableThread::Broadcast() {
     int rv = m_Semaphore.UnLock(waiters);
     uint32_t ret = rtos::HandleWait(m_hWaitersDone, rtos::kInfinite);
     if (ret != rtos::kWaitSignalled) {
-        RT_ERROR_TRACE("CRtConditionVariableThread::Broadcast, WaitForSingleObject() failed! result="
-                       << ret << " err=" << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtConditionVariableThread::Broadcast, WaitForSingleObject() failed! result="
+            << ret << " err=" << rtos::LastError());
         rv = RT_ERROR_FAILURE;
     }
     {
@@ -175,16 +184,16 @@ int CRtConditionVariableThread::Broadcast() {
 CRtEventThread::CRtEventThread(int aManualReset, int aInitialState, const char* aName)
     : m_hEvent(rtos::EventCreate(aManualReset != 0, aInitialState != 0, aName)) {
     if (!m_hEvent) {
-        RT_ERROR_TRACE("CRtEventThread::CRtEventThread, CreateEventA() failed! err="
-                       << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtEventThread::CRtEventThread, CreateEventA() failed! err=" << rtos::LastError());
         RT_ASSERTE(FALSE);
     }
 }
 
 CRtEventThread::~CRtEventThread() {
     if (m_hEvent && !rtos::HandleClose(m_hEvent)) {
-        RT_ERROR_TRACE("CRtEventThread::~CRtEventThread, CloseHandle() failed! err="
-                       << rtos::LastError());
+        RT_ERROR_TRACE(
+            "CRtEventThread::~CRtEventThread, CloseHandle() failed! err=" << rtos::LastError());
     }
 }
 

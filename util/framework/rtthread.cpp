@@ -54,8 +54,7 @@ CRtThread& CRtThread::operator=(const CRtThread& aOther) {
 CRtThread::~CRtThread() {
     RT_INFO_TRACE("CRtThread::~CRtThread m_bRegistered=" << m_bRegistered << " this=" << this);
     if (m_bRegistered) {
-        CRtThreadManager::Instance()->UnregisterThread(this);
-        m_bRegistered = 0;
+        UnregisterFromManager_i();
     }
     CloseHandle_i();
 }
@@ -74,6 +73,8 @@ int CRtThread::Create(int aType, CRtThreadManager::TFlag aFlag) {
     if (m_Type == CRtThreadManager::TT_MAIN) {
         m_Tid = static_cast<uint32_t>(CRtThreadManager::GetThreadSelfId());
     } else {
+        // Without a manager yet, this thread (not the new one) becomes the main thread.
+        CRtThreadManager::Instance();
         RT_ASSERTE(!m_pEvent4Start);
         m_pEvent4Start = new (std::nothrow) CRtEventThread();
         if (!m_pEvent4Start) {
@@ -178,8 +179,7 @@ int CRtThread::Destory(int aReason) {
     RT_INFO_TRACE("CRtThread::Destory, aReason=" << aReason << " this=" << this);
     int rv = RT_OK;
     if (m_bRegistered) {
-        rv = CRtThreadManager::Instance()->UnregisterThread(this);
-        m_bRegistered = 0;
+        rv = UnregisterFromManager_i();
     }
     RT_INFO_TRACE("CRtThread::Destory, after UnregisterThread rv=" << rv << " this=" << this);
 
@@ -217,6 +217,12 @@ int CRtThread::Destory(int aReason) {
 
 bool CRtThread::VoteDelete_i() {
     return m_nDeleteVotes.fetch_add(1, std::memory_order_acq_rel) + 1 >= 2;
+}
+
+int CRtThread::UnregisterFromManager_i() {
+    m_bRegistered = 0;
+    CRtThreadManager* pManager = CRtThreadManager::s_pThreadManagerOnlyOne.load();
+    return pManager ? pManager->UnregisterThread(this) : RT_ERROR_NOT_FOUND;
 }
 
 void CRtThread::CloseHandle_i() {

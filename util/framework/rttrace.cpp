@@ -54,21 +54,22 @@ namespace {
 
 // Formats one number; every integer insertion ends in decimal mode.
 template <class T>
-int FormatNumber(char (&aOut)[32], bool aHex, const char* aDecFormat, const char* aHexFormat, T aValue) {
+int FormatNumber(char (&aOut)[32], bool aHex, const char* aDecFormat, const char* aHexFormat,
+                 T aValue) {
     return ::snprintf(aOut, sizeof(aOut), aHex ? aHexFormat : aDecFormat, aValue);
 }
 
 }  // namespace
 
-#define RT_RECORDER_INTEGER(Type, DecFormat, HexFormat)                                   \
-    CRtTrace::CRtLogRecorder& CRtTrace::CRtLogRecorder::operator<<(Type aValue) {           \
-        char text[32];                                                                      \
-        int n = FormatNumber(text, get_hex_flag() != 0, DecFormat, HexFormat, aValue);      \
-        if (n > 0) {                                                                        \
-            advance(text, static_cast<unsigned long>(n));                                   \
-        }                                                                                   \
-        set_hex_flag(0);                                                                    \
-        return *this;                                                                       \
+#define RT_RECORDER_INTEGER(Type, DecFormat, HexFormat)                                \
+    CRtTrace::CRtLogRecorder& CRtTrace::CRtLogRecorder::operator<<(Type aValue) {      \
+        char text[32];                                                                 \
+        int n = FormatNumber(text, get_hex_flag() != 0, DecFormat, HexFormat, aValue); \
+        if (n > 0) {                                                                   \
+            advance(text, static_cast<unsigned long>(n));                              \
+        }                                                                              \
+        set_hex_flag(0);                                                               \
+        return *this;                                                                  \
     }
 
 RT_RECORDER_INTEGER(int, "%d", "%x")
@@ -137,13 +138,13 @@ CRtTrace::CRtLogRecorder& CRtTrace::CRtLogRecorder::operator<<(Ordix aValue) {
 namespace {
 
 CRtTraceMask g_mainMasks[] = {
-    {0, "Error", 1},      {1, "Server", 1},    {2, "NA", 0},      {3, "NA", 0},
-    {4, "NA", 0},         {5, "NA", 0},        {6, "NA", 0},      {7, "NA", 0},
-    {8, "NA", 0},         {9, "NA", 0},        {10, "Warning", 1}, {11, "Meeting", 1},
-    {12, "Session", 1},   {13, "User", 1},     {14, "Statistic", 1}, {15, "NA", 0},
-    {16, "NA", 0},        {17, "NA", 0},       {18, "NA", 0},     {19, "NA", 0},
-    {20, "Info", 1},      {21, "State", 1},    {22, "PDU", 0},    {23, "Func", 0},
-    {24, "Tick", 0},      {25, "Detail", 0},
+    {0, "Error", 1},    {1, "Server", 1},  {2, "NA", 0},         {3, "NA", 0},
+    {4, "NA", 0},       {5, "NA", 0},      {6, "NA", 0},         {7, "NA", 0},
+    {8, "NA", 0},       {9, "NA", 0},      {10, "Warning", 1},   {11, "Meeting", 1},
+    {12, "Session", 1}, {13, "User", 1},   {14, "Statistic", 1}, {15, "NA", 0},
+    {16, "NA", 0},      {17, "NA", 0},     {18, "NA", 0},        {19, "NA", 0},
+    {20, "Info", 1},    {21, "State", 1},  {22, "PDU", 0},       {23, "Func", 0},
+    {24, "Tick", 0},    {25, "Detail", 0},
 };
 
 CRtTraceMask g_diagnoseMasks[] = {{0, "Diagnose", 1}};
@@ -184,8 +185,8 @@ CRtTrace* CRtTrace::instance() {
 
 CRtTrace* CRtTrace::DiagonseInstance() {
     if (!s_diagonseInstance) {
-        s_diagonseInstance = new CRtTrace(g_diagnoseWriterName, g_diagnoseMasks, 1,
-                                          g_diagnoseFileName, 1);
+        s_diagonseInstance =
+            new CRtTrace(g_diagnoseWriterName, g_diagnoseMasks, 1, g_diagnoseFileName, 1);
     }
     return s_diagonseInstance;
 }
@@ -212,7 +213,9 @@ CRtTrace::CRtTrace(char* aWriterName, CRtTraceMask* const aMasks, unsigned long 
     load(nullptr);
 }
 
-CRtTrace::~CRtTrace() { m_pLoadedFile = nullptr; }
+CRtTrace::~CRtTrace() {
+    m_pLoadedFile = nullptr;
+}
 
 void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
     // Tracing a failure must not change the error the caller is about to report.
@@ -223,11 +226,11 @@ void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
     if (m_pszName && aLevel < m_dwMaskCount && m_pMasks[aLevel].name) {
         CRtTimeValue now = CRtTimeValue::GetTimeOfDay();
         const rtos::CalendarTime& cal = LocalCalendar(now.GetSec());
-        ::snprintf(line, sizeof(line), "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d] %s:%s\n",
-                   cal.month, cal.day, cal.year, cal.hour, cal.minute, cal.second,
-                   static_cast<int>(now.GetUsec() / 1000), static_cast<int>(rtos::CurrentProcessId()),
-                   static_cast<int>(rtos::CurrentThreadId()), m_pMasks[aLevel].name,
-                   aText ? aText : "");
+        ::snprintf(
+            line, sizeof(line), "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d] %s:%s\n",
+            cal.month, cal.day, cal.year, cal.hour, cal.minute, cal.second,
+            static_cast<int>(now.GetUsec() / 1000), static_cast<int>(rtos::CurrentProcessId()),
+            static_cast<int>(rtos::CurrentThreadId()), m_pMasks[aLevel].name, aText ? aText : "");
     }
     rtos::DebugOutput(line);
 
@@ -243,15 +246,25 @@ unsigned char CRtTrace::load(void* aArg) {
     return 1;
 }
 
-void CRtTrace::read_config() { CRtMutexGuardT<CRtMutexThreadRecursive> guard(m_Lock); }
+void CRtTrace::read_config() {
+    CRtMutexGuardT<CRtMutexThreadRecursive> guard(m_Lock);
+}
 
-const char* CRtTrace::get_trace_dir() { return "/tmp"; }
+const char* CRtTrace::get_trace_dir() {
+    return "/tmp";
+}
 
-const char* CRtTrace::get_process_name() { return "kvttrace"; }
+const char* CRtTrace::get_process_name() {
+    return "kvttrace";
+}
 
-const char* GetRtTraceFileName() { return CRtTrace::instance()->getfilename(); }
+const char* GetRtTraceFileName() {
+    return CRtTrace::instance()->getfilename();
+}
 
-void RtSetDebugOutputSink(RtDebugOutputSink aSink) { rtos::SetDebugSink(aSink); }
+void RtSetDebugOutputSink(RtDebugOutputSink aSink) {
+    rtos::SetDebugSink(aSink);
+}
 
 namespace {
 

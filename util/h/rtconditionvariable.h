@@ -63,7 +63,8 @@ private:
 // handle is closed by its one owner.
 class RT_API CRtEventThread {
 public:
-    explicit CRtEventThread(int aManualReset = 0, int aInitialState = 0, const char* aName = nullptr);
+    explicit CRtEventThread(int aManualReset = 0, int aInitialState = 0,
+                            const char* aName = nullptr);
     ~CRtEventThread();
 
     // Null waits without limit; a negative time-out checks once.

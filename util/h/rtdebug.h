@@ -18,11 +18,11 @@
 #define RT_TRACE_LEVEL_WARNING 10
 #define RT_TRACE_LEVEL_INFO 20
 
-#define RT_TRACE_WITH(writer, level, str)                                              \
-    do {                                                                               \
-        char rt_trace_buf_[RTTRACE_MAX_TRACE_LEN];                                     \
-        CRtTrace::CRtLogRecorder rt_trace_rec_(rt_trace_buf_, RTTRACE_MAX_TRACE_LEN);  \
-        (writer)->trace_string((level), static_cast<char*>(rt_trace_rec_ << str));     \
+#define RT_TRACE_WITH(writer, level, str)                                             \
+    do {                                                                              \
+        char rt_trace_buf_[RTTRACE_MAX_TRACE_LEN];                                    \
+        CRtTrace::CRtLogRecorder rt_trace_rec_(rt_trace_buf_, RTTRACE_MAX_TRACE_LEN); \
+        (writer)->trace_string((level), static_cast<char*>(rt_trace_rec_ << str));    \
     } while (0)
 
 // Traces at any level of the main writer's table (0 to 25).
@@ -38,28 +38,28 @@
 #define RT_ASSERT_TRACE_I(expr_text) \
     RT_ERROR_TRACE(__FILE__ << ":" << __LINE__ << " Assert failed: " << expr_text)
 
-#define RT_ASSERTE(expr)                  \
-    do {                                  \
-        if (!(expr)) {                    \
-            RT_ASSERT_TRACE_I(#expr);     \
-        }                                 \
+#define RT_ASSERTE(expr)              \
+    do {                              \
+        if (!(expr)) {                \
+            RT_ASSERT_TRACE_I(#expr); \
+        }                             \
     } while (0)
 
-#define RT_ASSERTE_RETURN(expr, rv)       \
-    do {                                  \
-        if (!(expr)) {                    \
-            RT_ASSERT_TRACE_I(#expr);     \
-            return rv;                    \
-        }                                 \
+#define RT_ASSERTE_RETURN(expr, rv)   \
+    do {                              \
+        if (!(expr)) {                \
+            RT_ASSERT_TRACE_I(#expr); \
+            return rv;                \
+        }                             \
     } while (0)
 
 // For operations that return nothing.
-#define RT_ASSERTE_RETURN_VOID(expr)      \
-    do {                                  \
-        if (!(expr)) {                    \
-            RT_ASSERT_TRACE_I(#expr);     \
-            return;                       \
-        }                                 \
+#define RT_ASSERTE_RETURN_VOID(expr)  \
+    do {                              \
+        if (!(expr)) {                \
+            RT_ASSERT_TRACE_I(#expr); \
+            return;                   \
+        }                             \
     } while (0)
 
 #endif  // RTDEBUG_H

@@ -13,9 +13,10 @@
 // The shared body of both locks; not instantiated on its own.
 class RT_API CRtMutexBase {
 public:
-    int Lock();     // always RT_OK; re-entrant for the holder
-    int UnLock();   // always RT_OK
-    int TryLock();  // RT_OK when taken (or re-entered), RT_ERROR_FAILURE when another thread holds it
+    int Lock();    // always RT_OK; re-entrant for the holder
+    int UnLock();  // always RT_OK
+    int
+    TryLock();  // RT_OK when taken (or re-entered), RT_ERROR_FAILURE when another thread holds it
     rtos::LockStorage& GetMutexType() { return m_Lock; }
 
 protected:

@@ -86,6 +86,7 @@ private:
     // Votes for deletion; true when this vote was the second.
     bool VoteDelete_i();
     void CloseHandle_i();
+    int UnregisterFromManager_i();
 
     // Set once a thread procedure has been started for this object: only then
     // does the thread's end vote.

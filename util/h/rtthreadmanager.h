@@ -97,6 +97,9 @@ public:
     static TModule GetNetworkThreadModule() { return TM_DEDICATED_NETWORK_THREAD; }
 
 private:
+    // Threads unregister from the manager that exists, never creating one.
+    friend class CRtThread;
+
     CRtThreadManager(const CRtThreadManager&) = delete;
     CRtThreadManager& operator=(const CRtThreadManager&) = delete;
 

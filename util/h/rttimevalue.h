@@ -26,7 +26,9 @@ public:
         m_lUsec = static_cast<int32_t>(aUsec);
         Normalize();
     }
-    void Set(const timeval& aTv) { Set(static_cast<long>(aTv.tv_sec), static_cast<long>(aTv.tv_usec)); }
+    void Set(const timeval& aTv) {
+        Set(static_cast<long>(aTv.tv_sec), static_cast<long>(aTv.tv_usec));
+    }
     void Set(double aSec);
     // No normalisation is needed: the quotient and remainder share the sign.
     void SetByTotalMsec(long aMsec) {
@@ -95,12 +97,18 @@ inline int operator>=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return aLeft.GetSec() > aRight.GetSec() ||
            (aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() >= aRight.GetUsec());
 }
-inline int operator<(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) { return aRight > aLeft; }
-inline int operator<=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) { return aRight >= aLeft; }
+inline int operator<(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+    return aRight > aLeft;
+}
+inline int operator<=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+    return aRight >= aLeft;
+}
 inline int operator==(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() == aRight.GetUsec();
 }
-inline int operator!=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) { return !(aLeft == aRight); }
+inline int operator!=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
+    return !(aLeft == aRight);
+}
 
 // The system's millisecond tick count in the low 32 bits; the high 32 bits are
 // 0 (the count wraps about every 49.7 days and is not carried).
