@@ -18,7 +18,10 @@ public:
         Lines().clear();
         RtSetDebugOutputSink(&TraceCapture::Sink);
     }
-    ~TraceCapture() { RtSetDebugOutputSink(nullptr); }
+    ~TraceCapture() {
+        RtSetDebugOutputSink(nullptr);
+        std::lock_guard<std::mutex> lock(Mutex());
+    }
 
     // Lines containing aText.
     size_t Count(const std::string& aText) const {
@@ -42,13 +45,14 @@ private:
         std::lock_guard<std::mutex> lock(Mutex());
         Lines().emplace_back(aLine);
     }
+    // Never destroyed: a thread left running may still trace during exit.
     static std::mutex& Mutex() {
-        static std::mutex s_mutex;
-        return s_mutex;
+        static std::mutex* s_mutex = new std::mutex;
+        return *s_mutex;
     }
     static std::vector<std::string>& Lines() {
-        static std::vector<std::string> s_lines;
-        return s_lines;
+        static std::vector<std::string>* s_lines = new std::vector<std::string>;
+        return *s_lines;
     }
 };
 

@@ -132,18 +132,18 @@ TEST(Thread, AJoinThatTimesOutLeavesTheThreadAndItsObjectAlive) {
     EXPECT_EQ(g_destroyed.load(), 0);  // it is still running
 
     thread->m_release.Signal();  // the thread ends and takes its object with it
-    EXPECT_TRUE(WaitUntil([] { return g_destroyed.load() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(WaitUntil([&] { return trace.Count("CRtThread::ThreadProc, quit") == 1; }));
     EXPECT_EQ(g_destroyed.load(), 1);
 }
 
+// The thread's last trace line tells the test that its procedure is over.
 TEST(Thread, ASelfDeletingThreadIsDeletedOnceWhicheverEndsFirst) {
+    TraceCapture trace;
     // The loop ends before Destory: Destory deletes.
     auto* early = new GateThread();
     ASSERT_EQ(early->Create(1800, CRtThreadManager::TF_DETACHED), RT_OK);
     early->Stop(nullptr);
-    ASSERT_TRUE(WaitUntil([&] { return early->m_ended.load(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // let the procedure vote
+    ASSERT_TRUE(WaitUntil([&] { return trace.Count("CRtThread::ThreadProc, quit") == 1; }));
     EXPECT_EQ(g_destroyed.load(), 0);
     early->Destory(0);
     EXPECT_EQ(g_destroyed.load(), 1);
@@ -156,8 +156,7 @@ TEST(Thread, ASelfDeletingThreadIsDeletedOnceWhicheverEndsFirst) {
     EXPECT_EQ(CRtThreadManager::Instance()->GetThread(1801), nullptr);
     EXPECT_EQ(g_destroyed.load(), 1);
     release.Signal();
-    EXPECT_TRUE(WaitUntil([] { return g_destroyed.load() == 2; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(WaitUntil([&] { return trace.Count("CRtThread::ThreadProc, quit") == 2; }));
     EXPECT_EQ(g_destroyed.load(), 2);
 }
 

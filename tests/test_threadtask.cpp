@@ -230,12 +230,11 @@ TEST(TaskThread, ASelfDeletingTaskThreadIsDeletedOnceInEitherOrder) {
     auto* ended = new CountedTask();
     ASSERT_EQ(ended->Create(2001, CRtThreadManager::TF_DETACHED), RT_OK);
     ended->Stop(nullptr);
-    ASSERT_TRUE(WaitUntil(
-        [&] { return trace.Count("CRtThreadTaskWithEventQueueOnly::OnThreadRun, End.") == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    // The thread's last trace line tells the test that its procedure is over.
+    ASSERT_TRUE(WaitUntil([&] { return trace.Count("CRtThread::ThreadProc, quit") == 1; }));
     EXPECT_EQ(g_destroyed.load(), 0);
     ended->Destory(0);
-    EXPECT_TRUE(WaitUntil([] { return g_destroyed.load() == 1; }));
+    EXPECT_EQ(g_destroyed.load(), 1);
 
     auto* running = new CountedTask();
     ASSERT_EQ(running->Create(2002, CRtThreadManager::TF_DETACHED), RT_OK);
@@ -245,7 +244,6 @@ TEST(TaskThread, ASelfDeletingTaskThreadIsDeletedOnceInEitherOrder) {
     running->Destory(0);
     EXPECT_EQ(g_destroyed.load(), 1);  // still running its gate
     gate.open.Signal();
-    EXPECT_TRUE(WaitUntil([] { return g_destroyed.load() == 2; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(WaitUntil([&] { return trace.Count("CRtThread::ThreadProc, quit") == 2; }));
     EXPECT_EQ(g_destroyed.load(), 2);
 }

@@ -21,10 +21,13 @@ CRtEventQueueBase::CRtEventQueueBase()
       m_tvLastSizeCheck(CRtTimeValue::GetTimeOfDay()),
       m_Tid(0),
       m_bIsStopped(0),
-      m_nResenders(0) {}
+      m_nInFlight(0) {}
 
 CRtEventQueueBase::~CRtEventQueueBase() {
-    DestoryPendingEvents();
+    // The derived queues have released their events already, under their lock.
+    if (!m_Events.empty()) {
+        DestoryPendingEvents();
+    }
 }
 
 int CRtEventQueueBase::PostEvent(IRtEvent* aEvent, EPriority aPri) {
@@ -166,7 +169,7 @@ void CRtEventQueueBase::DestoryPendingEvents() {
                   << " this=" << this);
     // A woken sender re-posts its wrapper here; let it, so that the wrapper is
     // among the events released below.
-    WaitForResenders_i();
+    WaitForCallersInFlight_i();
     EventsType events;
     TakeAllPendingEvents_i(events);
     for (IRtEvent* event : events) {
@@ -179,9 +182,9 @@ void CRtEventQueueBase::TakeAllPendingEvents_i(EventsType& aEvents) {
     m_dwSize.store(0, std::memory_order_relaxed);
 }
 
-void CRtEventQueueBase::WaitForResenders_i() {
-    // The wait is short: each counted sender has been woken and only posts.
-    while (m_nResenders.load(std::memory_order_acquire) > 0) {
+void CRtEventQueueBase::WaitForCallersInFlight_i() {
+    // The wait is short: each counted caller is past every wait of its own.
+    while (m_nInFlight.load(std::memory_order_acquire) > 0) {
         CRtThreadManager::SleepMs(1);
     }
 }
@@ -189,7 +192,7 @@ void CRtEventQueueBase::WaitForResenders_i() {
 // ---- CRtEventQueueUsingMutex -------------------------------------------------
 
 CRtEventQueueUsingMutex::~CRtEventQueueUsingMutex() {
-    WaitForResenders_i();
+    DestoryPendingEvents();
 }
 
 int CRtEventQueueUsingMutex::PostEvent(IRtEvent* aEvent, EPriority aPri) {
@@ -230,23 +233,24 @@ CRtEventQueueUsingConditionVariable::CRtEventQueueUsingConditionVariable()
     : m_Condition(m_Mutex), m_bOwnerWaiting(0), m_bWakeupPending(0) {}
 
 CRtEventQueueUsingConditionVariable::~CRtEventQueueUsingConditionVariable() {
-    WaitForResenders_i();
+    DestoryPendingEvents();
 }
 
 int CRtEventQueueUsingConditionVariable::PostEvent(IRtEvent* aEvent, EPriority aPri) {
     CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
     int rv = CRtEventQueueBase::PostEvent(aEvent, aPri);
     bool wake = RT_SUCCEEDED(rv) && m_bOwnerWaiting && !m_bWakeupPending;
-    if (wake) {
-        m_bWakeupPending = 1;
+    if (!wake) {
+        return rv;
     }
+    m_bWakeupPending = 1;
+    EnterInFlight_i();
     guard.UnLock();
 
     // The owner registers as a waiter before it lets go of m_Mutex, so a signal
     // given after the post cannot be lost.
-    if (wake) {
-        m_Condition.Signal();
-    }
+    m_Condition.Signal();
+    LeaveInFlight_i();
     return rv;
 }
 
@@ -306,7 +310,7 @@ int CRtEventSync::OnEventFire() {
     int rv = m_nResult;
     m_bFired = 1;
     if (m_pEventQueue) {
-        m_pEventQueue->m_nResenders.fetch_add(1, std::memory_order_relaxed);
+        m_pEventQueue->EnterInFlight_i();
     }
     m_SendEvent.Signal();
     return rv;
@@ -357,6 +361,6 @@ int CRtEventSync::WaitResultAndDeleteThis() {
     // The wrapper may be deleted inside this post; only the local copies are
     // used afterwards.
     queue->PostEvent(this, IRtEventQueue::EPRIORITY_NORMAL);
-    queue->m_nResenders.fetch_sub(1, std::memory_order_release);
+    queue->LeaveInFlight_i();
     return result;
 }

@@ -99,10 +99,13 @@ protected:
     // Moves every pending event into aEvents; a derived queue takes its lock
     // around the base version.
     virtual void TakeAllPendingEvents_i(EventsType& aEvents);
-    // Waits until no sender is between being woken and re-posting its wrapper.
-    // A derived queue calls it first thing in its destructor, while the
-    // PostEvent those senders call still works.
-    void WaitForResenders_i();
+    // Callers whose event the owner may already see but who still touch the
+    // queue: a poster about to signal the owner, a woken sender about to
+    // re-post its wrapper. DestoryPendingEvents waits for them, so a derived
+    // queue calls it first thing in its destructor, while its lock still works.
+    void EnterInFlight_i() { m_nInFlight.fetch_add(1, std::memory_order_relaxed); }
+    void LeaveInFlight_i() { m_nInFlight.fetch_sub(1, std::memory_order_release); }
+    void WaitForCallersInFlight_i();
 
     EventsType m_Events;
     std::atomic<uint32_t> m_dwSize;
@@ -116,8 +119,7 @@ private:
     CRtEventQueueBase(const CRtEventQueueBase&) = delete;
     CRtEventQueueBase& operator=(const CRtEventQueueBase&) = delete;
 
-    // Senders woken with a result that have not yet re-posted their wrapper.
-    std::atomic<int> m_nResenders;
+    std::atomic<int> m_nInFlight;
 };
 
 // The queue of the reactor threads: every change of the list is under m_Mutex.
