@@ -133,5 +133,6 @@ TEST(ThreadManager, AHostManagerSurvivesTheExitCleanUp) {
     ASSERT_EQ(manager.InitMainThread(0, nullptr), RT_OK);
     CRtThreadManager::CleanupOnlyOne();
     EXPECT_NE(manager.GetThread(CRtThreadManager::TT_MAIN), nullptr);
+    EXPECT_EQ(CRtThreadManager::Instance(), &manager);
     EXPECT_EQ(manager.GetAndIncreamUserType(), 1001);
 }

@@ -95,14 +95,16 @@ TEST(TaskThread, AnEventsOnlyThreadTakesTheWholeQueueInOneBatch) {
     // The gate is taken alone and holds the thread while the others queue up.
     EXPECT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 0; }));
     std::vector<unsigned long> pendingSeen;
+    std::atomic<int> ran{0};
     for (int i = 0; i < 20; ++i) {
         queue->PostEvent(new FnEvent([&] {
             pendingSeen.push_back(queue->GetPendingEventsCount());
-            return RT_OK;
+            return ran++, RT_OK;
         }));
     }
     EXPECT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 20; }));
     gate.open.Signal();
+    EXPECT_TRUE(WaitUntil([&] { return ran.load() == 20; }));
     StopJoinDestroy(thread);
     EXPECT_EQ(pendingSeen, std::vector<unsigned long>(20, 0));
 }

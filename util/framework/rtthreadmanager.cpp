@@ -43,11 +43,13 @@ CRtThreadManager* CRtThreadManager::Instance() {
 
 void CRtThreadManager::CleanupOnlyOne() {
     RT_INFO_TRACE("CRtThreadManager::CleanupOnlyOne");
+    // A manager the host constructed stays the instance until the host deletes
+    // it; forgetting it here would let the next Instance() make a second one.
     if (s_bNewByInstance) {
         delete s_pThreadManagerOnlyOne.load();
         s_bNewByInstance = 0;
+        s_pThreadManagerOnlyOne.store(nullptr);
     }
-    s_pThreadManagerOnlyOne.store(nullptr);
     RT_INFO_TRACE("CRtThreadManager::CleanupOnlyOne, end");
 }
 
