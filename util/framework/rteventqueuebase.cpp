@@ -108,9 +108,9 @@ int CRtEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxC
     }
 
     if (size > aMaxCount) {
-        auto last = m_Events.begin();
-        std::advance(last, aMaxCount);
-        aEvents.splice(aEvents.end(), m_Events, m_Events.begin(), last);
+        auto last = m_Events.begin() + static_cast<EventsType::difference_type>(aMaxCount);
+        aEvents.insert(aEvents.end(), m_Events.begin(), last);
+        m_Events.erase(m_Events.begin(), last);
         size -= static_cast<uint32_t>(aMaxCount);
         RT_ASSERTE(!m_Events.empty());
     } else {
@@ -141,19 +141,29 @@ int CRtEventQueueBase::PopOnePendingEvent(IRtEvent*& aEvent, unsigned long* aRem
 }
 
 int CRtEventQueueBase::ProcessEvents(const EventsType& aEvents) {
+    // One clock read per event: each event's end is the next one's start.
+    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
     for (IRtEvent* event : aEvents) {
-        ProcessOneEvent(event);
+        if (event) {
+            start = RunOneEvent_i(event, start);
+        } else {
+            ProcessOneEvent(event);
+        }
     }
     return RT_OK;
 }
 
 int CRtEventQueueBase::ProcessOneEvent(IRtEvent* aEvent) {
     RT_ASSERTE_RETURN(aEvent, RT_ERROR_INVALID_ARG);
+    RunOneEvent_i(aEvent, CRtTimeValue::GetTimeOfDay());
+    return RT_OK;
+}
 
-    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
+CRtTimeValue CRtEventQueueBase::RunOneEvent_i(IRtEvent* aEvent, const CRtTimeValue& aStart) {
     aEvent->OnEventFire();
     aEvent->OnDestorySelf();
-    CRtTimeValue elapsed = CRtTimeValue::GetTimeOfDay() - start;
+    CRtTimeValue end = CRtTimeValue::GetTimeOfDay();
+    CRtTimeValue elapsed = end - aStart;
 
     if (elapsed > s_tvReportInterval) {
         RT_WARNING_TRACE("CRtEventQueueBase::ProcessOneEvent, report, sec="
@@ -161,7 +171,7 @@ int CRtEventQueueBase::ProcessOneEvent(IRtEvent* aEvent) {
                          << " aEvent=" << static_cast<const void*>(aEvent)
                          << " m_dwSize=" << m_dwSize.load(std::memory_order_relaxed));
     }
-    return RT_OK;
+    return end;
 }
 
 void CRtEventQueueBase::DestoryPendingEvents() {
@@ -180,6 +190,10 @@ void CRtEventQueueBase::DestoryPendingEvents() {
 void CRtEventQueueBase::TakeAllPendingEvents_i(EventsType& aEvents) {
     aEvents.swap(m_Events);
     m_dwSize.store(0, std::memory_order_relaxed);
+}
+
+int CRtEventQueueBase::RepostSyncWrapper_i(IRtEvent* aEvent) {
+    return PostEvent(aEvent, EPRIORITY_NORMAL);
 }
 
 void CRtEventQueueBase::WaitForCallersInFlight_i() {
@@ -273,6 +287,11 @@ int CRtEventQueueUsingConditionVariable::PopOrWaitPendingEvents(EventsType& aEve
     return PopPendingEvents(aEvents, aMaxCount, nullptr);
 }
 
+int CRtEventQueueUsingConditionVariable::RepostSyncWrapper_i(IRtEvent* aEvent) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    return CRtEventQueueBase::PostEvent(aEvent, EPRIORITY_NORMAL);
+}
+
 void CRtEventQueueUsingConditionVariable::TakeAllPendingEvents_i(EventsType& aEvents) {
     CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
     CRtEventQueueBase::TakeAllPendingEvents_i(aEvents);
@@ -360,7 +379,7 @@ int CRtEventSync::WaitResultAndDeleteThis() {
     }
     // The wrapper may be deleted inside this post; only the local copies are
     // used afterwards.
-    queue->PostEvent(this, IRtEventQueue::EPRIORITY_NORMAL);
+    queue->RepostSyncWrapper_i(this);
     queue->LeaveInFlight_i();
     return result;
 }

@@ -42,10 +42,12 @@ void CRtThreadTaskWithEventQueueOnly::OnThreadInit() {
 
 void CRtThreadTaskWithEventQueueOnly::OnThreadRun() {
     RT_INFO_TRACE("CRtThreadTaskWithEventQueueOnly::OnThreadRun, Begin.");
+    // One list for the whole loop: swapped with the queue's, it keeps its storage.
+    CRtEventQueueBase::EventsType events;
     while (!m_Stop.IsFlagStopped()) {
-        CRtEventQueueBase::EventsType events;
         if (RT_SUCCEEDED(m_EventQueue.PopOrWaitPendingEvents(events, nullptr, 0xFFFFFFFF))) {
             m_EventQueue.ProcessEvents(events);
+            events.clear();
         }
     }
     m_EventQueue.DestoryPendingEvents();
