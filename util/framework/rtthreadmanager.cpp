@@ -111,7 +111,10 @@ int CRtThreadManager::InitMainThread(int aArgc, char** aArgv) {
 
 int CRtThreadManager::CreateUserTaskThread(CRtThread*& aThread, TFlag aFlag, int bWithTimerQueue) {
     RT_ASSERTE(!aThread);
-    (void)bWithTimerQueue;
+    // Task threads carry no timer queue yet; the thread still serves events.
+    if (bWithTimerQueue) {
+        RT_WARNING_TRACE("CRtThreadManager::CreateUserTaskThread, no timer queue, events only.");
+    }
     CRtThread* pThread = new (std::nothrow) CRtThreadTaskWithEventQueueOnly();
     RT_ASSERTE_RETURN(pThread, RT_ERROR_OUT_OF_MEMORY);
 
