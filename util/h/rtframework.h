@@ -17,5 +17,9 @@
 #include "rtdatablock.h"
 #include "rtmessageblock.h"
 #include "rtutilclasses.h"
+#include "rteventqueuebase.h"
+#include "rtthreadmanager.h"
+#include "rtthread.h"
+#include "rtthreadtask.h"
 
 #endif  // RTFRAMEWORK_H

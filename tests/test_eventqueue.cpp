@@ -1,0 +1,354 @@
+// Event queues: posting, popping in batches, sending across threads, stopping
+// and tearing down, with every event released exactly once.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "rt_test_trace.h"
+#include "rtframework.h"
+
+namespace {
+
+// Records its runs and releases in a shared ledger, by id.
+struct Ledger {
+    explicit Ledger(size_t aCount) : fired(aCount), released(aCount) {}
+    std::vector<std::atomic<int>> fired;
+    std::vector<std::atomic<int>> released;
+    std::vector<int> order;  // ids in the order they ran (owner thread only)
+    std::atomic<unsigned long> firedOn{0};
+
+    int TotalFired() const {
+        int n = 0;
+        for (auto& f : fired)
+            n += f.load();
+        return n;
+    }
+    bool EachReleasedOnce() const {
+        for (auto& r : released) {
+            if (r.load() != 1)
+                return false;
+        }
+        return true;
+    }
+};
+
+class LedgerEvent : public IRtEvent {
+public:
+    LedgerEvent(Ledger& aLedger, int aId, int aResult = RT_OK, int aSleepMs = 0)
+        : m_ledger(aLedger), m_id(aId), m_result(aResult), m_sleepMs(aSleepMs) {}
+    int OnEventFire() override {
+        m_ledger.fired[m_id]++;
+        m_ledger.order.push_back(m_id);
+        m_ledger.firedOn = CRtThreadManager::GetThreadSelfId();
+        if (m_sleepMs) {
+            CRtThreadManager::SleepMs(m_sleepMs);
+        }
+        return m_result;
+    }
+    void OnDestorySelf() override {
+        m_ledger.released[m_id]++;
+        delete this;
+    }
+
+private:
+    Ledger& m_ledger;
+    int m_id;
+    int m_result;
+    int m_sleepMs;
+};
+
+// Exposes the owner-side operations of the mutex queue to the tests.
+class TestQueue : public CRtEventQueueUsingMutex {
+public:
+    using CRtEventQueueBase::PopOnePendingEvent;
+};
+
+// An owner thread that drains a condition-variable queue until told to stop.
+class OwnerLoop {
+public:
+    explicit OwnerLoop(CRtEventQueueUsingConditionVariable& aQueue) : m_queue(aQueue) {
+        m_thread = std::thread([this] {
+            m_queue.Reset2CurrentThreadId();
+            m_ready = true;
+            CRtTimeValue tick(0L, 20000L);
+            while (!m_stop) {
+                CRtEventQueueBase::EventsType events;
+                if (RT_SUCCEEDED(m_queue.PopOrWaitPendingEvents(events, &tick, 0xFFFFFFFF))) {
+                    m_queue.ProcessEvents(events);
+                }
+            }
+        });
+        WaitUntil([this] { return m_ready.load(); });
+    }
+    ~OwnerLoop() { Join(); }
+    void Join() {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+private:
+    CRtEventQueueUsingConditionVariable& m_queue;
+    std::thread m_thread;
+    std::atomic<bool> m_ready{false};
+    std::atomic<bool> m_stop{false};
+};
+
+}  // namespace
+
+TEST(EventQueue, PopsTheOldestEventsFirstUpToTheMaximum) {
+    Ledger ledger(3);
+    TestQueue queue;
+    queue.Reset2CurrentThreadId();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(queue.PostEvent(new LedgerEvent(ledger, i)), RT_OK);
+    }
+    EXPECT_EQ(queue.GetPendingEventsCount(), 3u);
+
+    CRtEventQueueBase::EventsType batch;
+    unsigned long remain = 99;
+    ASSERT_EQ(queue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_OK);
+    EXPECT_EQ(batch.size(), 2u);
+    EXPECT_EQ(remain, 1u);
+    queue.ProcessEvents(batch);
+    batch.clear();
+
+    ASSERT_EQ(queue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_OK);
+    EXPECT_EQ(batch.size(), 1u);
+    EXPECT_EQ(remain, 0u);
+    queue.ProcessEvents(batch);
+    batch.clear();
+
+    remain = 99;
+    EXPECT_EQ(queue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_ERROR_NOT_FOUND);
+    EXPECT_EQ(remain, 99u);
+    EXPECT_EQ(ledger.order, (std::vector<int>{0, 1, 2}));
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+}
+
+TEST(EventQueue, PopOneAndPopZeroKeepTheQueueConsistent) {
+    TraceCapture trace;
+    Ledger ledger(2);
+    TestQueue queue;
+    queue.PostEvent(new LedgerEvent(ledger, 0));
+    queue.PostEvent(new LedgerEvent(ledger, 1));
+
+    CRtEventQueueBase::EventsType batch;
+    EXPECT_EQ(queue.PopPendingEventsWithoutWait(batch, 0), RT_OK);
+    EXPECT_TRUE(batch.empty());
+    EXPECT_EQ(trace.Count("Assert failed: aMaxCount > 0"), 1u);
+    EXPECT_EQ(queue.GetPendingEventsCount(), 2u);
+
+    IRtEvent* one = nullptr;
+    unsigned long remain = 0;
+    ASSERT_EQ(queue.PopOnePendingEventWithoutWait(one, &remain), RT_OK);
+    EXPECT_EQ(remain, 1u);
+    queue.ProcessOneEvent(one);
+    EXPECT_EQ(ledger.order, std::vector<int>{0});
+    // The other one is released unrun with the queue.
+}
+
+TEST(EventQueue, RefusesNullEventsAndReleasesEventsPostedAfterStop) {
+    TraceCapture trace;
+    Ledger ledger(3);
+    TestQueue queue;
+    queue.Reset2CurrentThreadId();
+    EXPECT_EQ(queue.PostEvent(nullptr), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(queue.SendEvent(nullptr), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(queue.ProcessOneEvent(nullptr), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(trace.Count("Assert failed: aEvent"), 3u);
+
+    queue.Stop();
+    EXPECT_EQ(queue.PostEvent(new LedgerEvent(ledger, 0)), RT_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(queue.SendEvent(new LedgerEvent(ledger, 1)), RT_ERROR_NOT_INITIALIZED);
+    unsigned long oldSize = 7;
+    EXPECT_EQ(queue.PostEventWithOldSize(new LedgerEvent(ledger, 2),
+                                         IRtEventQueue::EPRIORITY_NORMAL, &oldSize),
+              RT_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(oldSize, 0u);
+    EXPECT_EQ(trace.Count("CRtEventQueueBase::PostEvent, has been stopped."), 2u);
+    EXPECT_EQ(trace.Count("CRtEventQueueBase::SendEvent, has been stopped."), 1u);
+    EXPECT_EQ(ledger.TotalFired(), 0);
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+    EXPECT_EQ(queue.GetPendingEventsCount(), 0u);
+}
+
+TEST(EventQueue, PendingEventsAreReleasedUnrunByDestroyAndByTheDestructor) {
+    TraceCapture trace;
+    Ledger ledger(5);
+    {
+        TestQueue queue;
+        for (int i = 0; i < 3; ++i)
+            queue.PostEvent(new LedgerEvent(ledger, i));
+        queue.DestoryPendingEvents();
+        EXPECT_EQ(queue.GetPendingEventsCount(), 0u);
+        EXPECT_GE(trace.Count("CRtEventQueueBase::DestoryPendingEvents this="), 1u);
+        queue.PostEvent(new LedgerEvent(ledger, 3));
+        queue.PostEvent(new LedgerEvent(ledger, 4));
+    }
+    EXPECT_EQ(ledger.TotalFired(), 0);
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+}
+
+TEST(EventQueue, SendFromTheOwnerThreadRunsAtOnce) {
+    Ledger ledger(1);
+    TestQueue queue;
+    queue.Reset2CurrentThreadId();
+    EXPECT_EQ(queue.SendEvent(new LedgerEvent(ledger, 0, RT_ERROR_PARTIAL_DATA)),
+              RT_ERROR_PARTIAL_DATA);
+    EXPECT_EQ(ledger.TotalFired(), 1);
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+    EXPECT_EQ(queue.GetPendingEventsCount(), 0u);
+}
+
+TEST(EventQueue, ReportsSlowEventsAndLongQueues) {
+    TraceCapture trace;
+    Ledger ledger(103);
+    TestQueue queue;
+    queue.ProcessOneEvent(new LedgerEvent(ledger, 0, RT_OK, 150));
+    queue.ProcessOneEvent(new LedgerEvent(ledger, 1));
+    EXPECT_EQ(trace.Count("CRtEventQueueBase::ProcessOneEvent, report, sec=0 usec="), 1u);
+
+    // The length is checked by the first post more than 3 s after the last check.
+    for (int i = 2; i < 102; ++i)
+        queue.PostEvent(new LedgerEvent(ledger, i));
+    EXPECT_EQ(trace.Count("CRtEventQueueBase::PostEvent, m_dwSize="), 0u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(3100));
+    queue.PostEvent(new LedgerEvent(ledger, 102));
+    EXPECT_EQ(trace.Count("CRtEventQueueBase::PostEvent, m_dwSize=101 m_Tid="), 1u);
+    queue.DestoryPendingEvents();
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+}
+
+TEST(ConditionVariableQueue, WaitsForAPostOrTheTimeOut) {
+    CRtEventQueueUsingConditionVariable queue;
+    queue.Reset2CurrentThreadId();
+
+    CRtEventQueueBase::EventsType batch;
+    CRtTimeValue limit(0L, 50000L);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(queue.PopOrWaitPendingEvents(batch, &limit, 0xFFFFFFFF), RT_ERROR_NOT_FOUND);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
+    EXPECT_TRUE(batch.empty());
+
+    Ledger ledger(1);
+    std::thread poster([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        queue.PostEvent(new LedgerEvent(ledger, 0));
+    });
+    // No limit: only the post can end this wait (a spurious wake-up goes round).
+    while (batch.empty()) {
+        queue.PopOrWaitPendingEvents(batch, nullptr, 0xFFFFFFFF);
+    }
+    poster.join();
+    EXPECT_EQ(batch.size(), 1u);
+    queue.ProcessEvents(batch);
+    EXPECT_EQ(ledger.TotalFired(), 1);
+}
+
+TEST(ConditionVariableQueue, HandsOutAtMostTheMaximumPerCall) {
+    Ledger ledger(12);
+    CRtEventQueueUsingConditionVariable queue;
+    for (int i = 0; i < 12; ++i)
+        queue.PostEvent(new LedgerEvent(ledger, i));
+    std::vector<size_t> sizes;
+    for (int pass = 0; pass < 3; ++pass) {
+        CRtEventQueueBase::EventsType batch;
+        ASSERT_EQ(queue.PopOrWaitPendingEvents(batch, nullptr, 5), RT_OK);
+        sizes.push_back(batch.size());
+        queue.ProcessEvents(batch);
+    }
+    EXPECT_EQ(sizes, (std::vector<size_t>{5, 5, 2}));
+    EXPECT_EQ(ledger.order.size(), 12u);
+    for (int i = 0; i < 12; ++i)
+        EXPECT_EQ(ledger.order[i], i);
+    queue.Stop();
+    EXPECT_EQ(queue.PostEvent(new LedgerEvent(ledger, 0)), RT_ERROR_NOT_INITIALIZED);
+}
+
+TEST(SendEvent, ReturnsTheResultOfTheRunOnTheOwnerThread) {
+    CRtEventQueueUsingConditionVariable queue;
+    Ledger ledger(20);
+    {
+        OwnerLoop owner(queue);
+        unsigned long me = CRtThreadManager::GetThreadSelfId();
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(queue.SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
+                      RT_ERROR_BASE + i);
+            // Released by the owner right after its run, maybe after this returns.
+            EXPECT_EQ(ledger.fired[i].load(), 1);
+        }
+        EXPECT_NE(ledger.firedOn.load(), me);
+    }
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+}
+
+TEST(SendEvent, ASenderIsWokenWhenItsEventIsDiscarded) {
+    Ledger ledger(2);
+    auto* queue = new CRtEventQueueUsingConditionVariable();
+    queue->Reset2CurrentThreadId();  // this thread owns it and never runs it
+
+    std::atomic<int> first{-1};
+    std::thread sender([&] { first = queue->SendEvent(new LedgerEvent(ledger, 0)); });
+    ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 1; }));
+    queue->DestoryPendingEvents();
+    sender.join();
+    EXPECT_EQ(first.load(), RT_ERROR_NOT_AVAILABLE);
+
+    // The same through the destructor.
+    std::atomic<int> second{-1};
+    std::thread sender2([&] { second = queue->SendEvent(new LedgerEvent(ledger, 1)); });
+    ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 1; }));
+    delete queue;
+    sender2.join();
+    EXPECT_EQ(second.load(), RT_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(ledger.TotalFired(), 0);
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+}
+
+// Senders and posters race the owner while the queue stops and is torn down:
+// each event runs at most once, is released exactly once, and every send ends.
+TEST(SendEvent, StressWhileTheQueueStopsLosesAndDuplicatesNothing) {
+    const int kThreads = 4;
+    const int kPerThread = 1500;
+    Ledger ledger(kThreads * kPerThread);
+    std::atomic<int> sendsRun{0};
+    std::atomic<int> sendsRefused{0};
+    {
+        CRtEventQueueUsingConditionVariable queue;
+        OwnerLoop owner(queue);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < kPerThread; ++i) {
+                    int id = t * kPerThread + i;
+                    if (t % 2 == 0) {
+                        queue.PostEvent(new LedgerEvent(ledger, id));
+                        continue;
+                    }
+                    int rv = queue.SendEvent(new LedgerEvent(ledger, id, RT_ERROR_FOUND));
+                    if (rv == RT_ERROR_FOUND) {
+                        sendsRun++;
+                    } else {
+                        EXPECT_TRUE(rv == RT_ERROR_NOT_INITIALIZED || rv == RT_ERROR_NOT_AVAILABLE)
+                            << rv;
+                        sendsRefused++;
+                    }
+                }
+            });
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        queue.Stop();
+        for (auto& th : threads)
+            th.join();
+        owner.Join();
+        queue.DestoryPendingEvents();
+    }
+    EXPECT_TRUE(ledger.EachReleasedOnce());
+    for (auto& f : ledger.fired)
+        EXPECT_LE(f.load(), 1);
+    EXPECT_EQ(sendsRun + sendsRefused, (kThreads / 2) * kPerThread);
+}

@@ -1,0 +1,385 @@
+// Events, the event queue logic and the two locked queues.
+#include "rteventqueuebase.h"
+
+#include "rtdebug.h"
+#include "rtthreadmanager.h"
+
+// ---- IRtEvent ----------------------------------------------------------------
+
+IRtEvent::~IRtEvent() = default;
+
+void IRtEvent::OnDestorySelf() {
+    delete this;
+}
+
+// ---- CRtEventQueueBase -------------------------------------------------------
+
+CRtTimeValue CRtEventQueueBase::s_tvReportInterval(0L, 100000L);
+
+CRtEventQueueBase::CRtEventQueueBase()
+    : m_dwSize(0),
+      m_tvLastSizeCheck(CRtTimeValue::GetTimeOfDay()),
+      m_Tid(0),
+      m_bIsStopped(0),
+      m_nInFlight(0) {}
+
+CRtEventQueueBase::~CRtEventQueueBase() {
+    // The derived queues have released their events already, under their lock.
+    if (!m_Events.empty()) {
+        DestoryPendingEvents();
+    }
+}
+
+int CRtEventQueueBase::PostEvent(IRtEvent* aEvent, EPriority aPri) {
+    (void)aPri;
+    RT_ASSERTE_RETURN(aEvent, RT_ERROR_INVALID_ARG);
+    if (m_bIsStopped.load(std::memory_order_acquire)) {
+        RT_ERROR_TRACE("CRtEventQueueBase::PostEvent, has been stopped.");
+        aEvent->OnDestorySelf();
+        return RT_ERROR_NOT_INITIALIZED;
+    }
+
+    m_Events.push_back(aEvent);
+    uint32_t size = m_dwSize.load(std::memory_order_relaxed) + 1;
+    m_dwSize.store(size, std::memory_order_relaxed);
+
+    // A queue that keeps growing is reported at most once every 3 seconds.
+    CRtTimeValue now = CRtTimeValue::GetTimeOfDay();
+    if (now - m_tvLastSizeCheck > CRtTimeValue(3L, 0L)) {
+        if (size > 100) {
+            RT_ERROR_TRACE("CRtEventQueueBase::PostEvent, m_dwSize="
+                           << size << " m_Tid=" << m_Tid.load(std::memory_order_relaxed));
+        }
+        m_tvLastSizeCheck = now;
+    }
+    return RT_OK;
+}
+
+int CRtEventQueueBase::SendEvent(IRtEvent* aEvent) {
+    RT_ASSERTE_RETURN(aEvent, RT_ERROR_INVALID_ARG);
+    if (m_bIsStopped.load(std::memory_order_acquire)) {
+        RT_ERROR_TRACE("CRtEventQueueBase::SendEvent, has been stopped.");
+        aEvent->OnDestorySelf();
+        return RT_ERROR_NOT_INITIALIZED;
+    }
+
+    unsigned long tid = m_Tid.load(std::memory_order_relaxed);
+    if (CRtThreadManager::IsEqualCurrentThread(tid)) {
+        int rv = aEvent->OnEventFire();
+        aEvent->OnDestorySelf();
+        return rv;
+    }
+
+    CRtEventSync* pSync = new (std::nothrow) CRtEventSync(aEvent, this);
+    if (!pSync) {
+        aEvent->OnDestorySelf();
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
+    int rv = PostEvent(pSync, EPRIORITY_NORMAL);
+    if (RT_FAILED(rv)) {
+        // The refusal has released the caller's event; nobody else holds the
+        // wrapper, so it goes now.
+        delete pSync;
+        return rv;
+    }
+    return pSync->WaitResultAndDeleteThis();
+}
+
+unsigned long CRtEventQueueBase::GetPendingEventsCount() {
+    return m_dwSize.load(std::memory_order_relaxed);
+}
+
+void CRtEventQueueBase::Stop() {
+    m_bIsStopped.store(1, std::memory_order_release);
+}
+
+void CRtEventQueueBase::Reset2CurrentThreadId() {
+    m_Tid.store(static_cast<uint32_t>(CRtThreadManager::GetThreadSelfId()),
+                std::memory_order_relaxed);
+}
+
+int CRtEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount,
+                                        unsigned long* aRemainSize) {
+    RT_ASSERTE(aEvents.empty());
+    RT_ASSERTE(aMaxCount > 0);
+    uint32_t size = m_dwSize.load(std::memory_order_relaxed);
+    if (size == 0) {
+        return RT_ERROR_NOT_FOUND;
+    }
+
+    if (size > aMaxCount) {
+        auto last = m_Events.begin() + static_cast<EventsType::difference_type>(aMaxCount);
+        aEvents.insert(aEvents.end(), m_Events.begin(), last);
+        m_Events.erase(m_Events.begin(), last);
+        size -= static_cast<uint32_t>(aMaxCount);
+        RT_ASSERTE(!m_Events.empty());
+    } else {
+        aEvents.swap(m_Events);
+        size = 0;
+        RT_ASSERTE(m_Events.empty());
+    }
+    m_dwSize.store(size, std::memory_order_relaxed);
+    if (aRemainSize) {
+        *aRemainSize = size;
+    }
+    return RT_OK;
+}
+
+int CRtEventQueueBase::PopOnePendingEvent(IRtEvent*& aEvent, unsigned long* aRemainSize) {
+    RT_ASSERTE(!aEvent);
+    uint32_t size = m_dwSize.load(std::memory_order_relaxed);
+    if (size == 0) {
+        return RT_ERROR_NOT_FOUND;
+    }
+    aEvent = m_Events.front();
+    m_Events.pop_front();
+    m_dwSize.store(--size, std::memory_order_relaxed);
+    if (aRemainSize) {
+        *aRemainSize = size;
+    }
+    return RT_OK;
+}
+
+int CRtEventQueueBase::ProcessEvents(const EventsType& aEvents) {
+    // One clock read per event: each event's end is the next one's start.
+    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
+    for (IRtEvent* event : aEvents) {
+        if (event) {
+            start = RunOneEvent_i(event, start);
+        } else {
+            ProcessOneEvent(event);
+        }
+    }
+    return RT_OK;
+}
+
+int CRtEventQueueBase::ProcessOneEvent(IRtEvent* aEvent) {
+    RT_ASSERTE_RETURN(aEvent, RT_ERROR_INVALID_ARG);
+    RunOneEvent_i(aEvent, CRtTimeValue::GetTimeOfDay());
+    return RT_OK;
+}
+
+CRtTimeValue CRtEventQueueBase::RunOneEvent_i(IRtEvent* aEvent, const CRtTimeValue& aStart) {
+    aEvent->OnEventFire();
+    aEvent->OnDestorySelf();
+    CRtTimeValue end = CRtTimeValue::GetTimeOfDay();
+    CRtTimeValue elapsed = end - aStart;
+
+    if (elapsed > s_tvReportInterval) {
+        RT_WARNING_TRACE("CRtEventQueueBase::ProcessOneEvent, report, sec="
+                         << elapsed.GetSec() << " usec=" << elapsed.GetUsec()
+                         << " aEvent=" << static_cast<const void*>(aEvent)
+                         << " m_dwSize=" << m_dwSize.load(std::memory_order_relaxed));
+    }
+    return end;
+}
+
+void CRtEventQueueBase::DestoryPendingEvents() {
+    RT_INFO_TRACE("CRtEventQueueBase::DestoryPendingEvents"
+                  << " this=" << this);
+    // A woken sender re-posts its wrapper here; let it, so that the wrapper is
+    // among the events released below.
+    WaitForCallersInFlight_i();
+    EventsType events;
+    TakeAllPendingEvents_i(events);
+    for (IRtEvent* event : events) {
+        event->OnDestorySelf();
+    }
+}
+
+void CRtEventQueueBase::TakeAllPendingEvents_i(EventsType& aEvents) {
+    aEvents.swap(m_Events);
+    m_dwSize.store(0, std::memory_order_relaxed);
+}
+
+int CRtEventQueueBase::RepostSyncWrapper_i(IRtEvent* aEvent) {
+    return PostEvent(aEvent, EPRIORITY_NORMAL);
+}
+
+void CRtEventQueueBase::WaitForCallersInFlight_i() {
+    // The wait is short: each counted caller is past every wait of its own.
+    while (m_nInFlight.load(std::memory_order_acquire) > 0) {
+        CRtThreadManager::SleepMs(1);
+    }
+}
+
+// ---- CRtEventQueueUsingMutex -------------------------------------------------
+
+CRtEventQueueUsingMutex::~CRtEventQueueUsingMutex() {
+    DestoryPendingEvents();
+}
+
+int CRtEventQueueUsingMutex::PostEvent(IRtEvent* aEvent, EPriority aPri) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    return CRtEventQueueBase::PostEvent(aEvent, aPri);
+}
+
+int CRtEventQueueUsingMutex::PostEventWithOldSize(IRtEvent* aEvent, EPriority aPri,
+                                                  unsigned long* aOldSize) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    if (aOldSize) {
+        *aOldSize = m_dwSize.load(std::memory_order_relaxed);
+    }
+    return CRtEventQueueBase::PostEvent(aEvent, aPri);
+}
+
+int CRtEventQueueUsingMutex::PopPendingEventsWithoutWait(EventsType& aEvents,
+                                                         unsigned long aMaxCount,
+                                                         unsigned long* aRemainSize) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    return PopPendingEvents(aEvents, aMaxCount, aRemainSize);
+}
+
+int CRtEventQueueUsingMutex::PopOnePendingEventWithoutWait(IRtEvent*& aEvent,
+                                                           unsigned long* aRemainSize) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    return PopOnePendingEvent(aEvent, aRemainSize);
+}
+
+void CRtEventQueueUsingMutex::TakeAllPendingEvents_i(EventsType& aEvents) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    CRtEventQueueBase::TakeAllPendingEvents_i(aEvents);
+}
+
+// ---- CRtEventQueueUsingConditionVariable -------------------------------------
+
+CRtEventQueueUsingConditionVariable::CRtEventQueueUsingConditionVariable()
+    : m_Condition(m_Mutex), m_bOwnerWaiting(0), m_bWakeupPending(0) {}
+
+CRtEventQueueUsingConditionVariable::~CRtEventQueueUsingConditionVariable() {
+    DestoryPendingEvents();
+}
+
+int CRtEventQueueUsingConditionVariable::PostEvent(IRtEvent* aEvent, EPriority aPri) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    int rv = CRtEventQueueBase::PostEvent(aEvent, aPri);
+    bool wake = RT_SUCCEEDED(rv) && m_bOwnerWaiting && !m_bWakeupPending;
+    if (!wake) {
+        return rv;
+    }
+    m_bWakeupPending = 1;
+    EnterInFlight_i();
+    guard.UnLock();
+
+    // The owner registers as a waiter before it lets go of m_Mutex, so a signal
+    // given after the post cannot be lost.
+    m_Condition.Signal();
+    LeaveInFlight_i();
+    return rv;
+}
+
+int CRtEventQueueUsingConditionVariable::PopOrWaitPendingEvents(EventsType& aEvents,
+                                                                CRtTimeValue* aTimeout,
+                                                                unsigned long aMaxCount) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    if (m_Events.empty()) {
+        m_bOwnerWaiting = 1;
+        int rv = m_Condition.Wait(aTimeout);
+        m_bOwnerWaiting = 0;
+        m_bWakeupPending = 0;
+        if (rv != RT_OK && rv != RT_ERROR_TIMEOUT) {
+            RT_ERROR_TRACE(
+                "CRtEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not "
+                "empty. nSize="
+                << m_dwSize.load(std::memory_order_relaxed) << " rv=" << rv);
+        }
+    }
+    return PopPendingEvents(aEvents, aMaxCount, nullptr);
+}
+
+int CRtEventQueueUsingConditionVariable::RepostSyncWrapper_i(IRtEvent* aEvent) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    return CRtEventQueueBase::PostEvent(aEvent, EPRIORITY_NORMAL);
+}
+
+void CRtEventQueueUsingConditionVariable::TakeAllPendingEvents_i(EventsType& aEvents) {
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    CRtEventQueueBase::TakeAllPendingEvents_i(aEvents);
+}
+
+// ---- CRtEventSync ------------------------------------------------------------
+
+CRtEventSync::CRtEventSync(IRtEvent* aEventPost, CRtEventQueueBase* aEventQueue)
+    : m_pEventPost(aEventPost),
+      m_nResult(RT_ERROR_NOT_AVAILABLE),
+      m_pEventQueue(aEventQueue),
+      m_bPostDestroyed(0),
+      m_SendEvent(0, 0, nullptr),
+      m_bFired(0),
+      m_nReleases(0) {
+    RT_ASSERTE(m_pEventPost);
+    RT_ASSERTE(m_pEventQueue);
+}
+
+CRtEventSync::~CRtEventSync() {
+    if (m_pEventPost) {
+        m_pEventPost->OnDestorySelf();
+        m_pEventPost = nullptr;
+    }
+    if (!m_bPostDestroyed.load(std::memory_order_acquire)) {
+        m_SendEvent.Signal();
+    }
+}
+
+int CRtEventSync::OnEventFire() {
+    if (m_bPostDestroyed.load(std::memory_order_acquire)) {
+        return RT_OK;  // the second pass, which only releases the wrapper
+    }
+    m_nResult = m_pEventPost ? m_pEventPost->OnEventFire() : RT_ERROR_NULL_POINTER;
+    int rv = m_nResult;
+    m_bFired = 1;
+    if (m_pEventQueue) {
+        m_pEventQueue->EnterInFlight_i();
+    }
+    m_SendEvent.Signal();
+    return rv;
+}
+
+void CRtEventSync::OnDestorySelf() {
+    // The first release and a refused re-post may race (the owner releases the
+    // caller's event while the sender's re-post is turned away): the exchange
+    // picks one of them to release the caller's event, and the counter lets the
+    // later of the two delete the wrapper.
+    if (m_bPostDestroyed.exchange(1, std::memory_order_acq_rel) == 0) {
+        if (m_pEventPost) {
+            m_pEventPost->OnDestorySelf();
+            m_pEventPost = nullptr;
+        }
+        if (!m_bFired) {
+            // Discarded or refused before it ran: wake the sender, which then
+            // deletes the wrapper. Nothing here may touch it after the signal.
+            m_SendEvent.Signal();
+            return;
+        }
+    }
+    if (m_nReleases.fetch_add(1, std::memory_order_acq_rel) == 1) {
+        delete this;
+    }
+}
+
+int CRtEventSync::WaitResultAndDeleteThis() {
+    int rv = m_SendEvent.Wait(nullptr);
+    if (RT_FAILED(rv)) {
+        RT_ERROR_TRACE("CRtEventSync::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!");
+        return rv;
+    }
+
+    int result = m_nResult;
+    if (!m_bFired) {
+        // Discarded unprocessed: the queue may be going away, so the wrapper is
+        // not posted again; the discarder no longer touches it.
+        delete this;
+        return result;
+    }
+
+    CRtEventQueueBase* queue = m_pEventQueue;
+    if (!queue) {
+        OnDestorySelf();
+        return result;
+    }
+    // The wrapper may be deleted inside this post; only the local copies are
+    // used afterwards.
+    queue->RepostSyncWrapper_i(this);
+    queue->LeaveInFlight_i();
+    return result;
+}
