@@ -199,6 +199,4 @@ TEST(TimeValue, TimeOfDayFollowsTheSystemClock) {
         EXPECT_TRUE(next >= prev - CRtTimeValue(1L, 0L));
         prev = next;
     }
-TEST(TimeValue, Placeholder) {
-    EXPECT_EQ(CRtTimeValue(1L, -1L).GetUsec(), 999999);
 }

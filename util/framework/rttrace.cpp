@@ -85,9 +85,6 @@ char* FormatInteger(T aValue, bool aHex, char* aEnd) {
         *--p = '-';
     }
     return p;
-int FormatNumber(char (&aOut)[32], bool aHex, const char* aDecFormat, const char* aHexFormat,
-                 T aValue) {
-    return ::snprintf(aOut, sizeof(aOut), aHex ? aHexFormat : aDecFormat, aValue);
 }
 
 }  // namespace
@@ -101,15 +98,6 @@ int FormatNumber(char (&aOut)[32], bool aHex, const char* aDecFormat, const char
         advance(start, static_cast<unsigned long>(end - start));                  \
         set_hex_flag(0);                                                          \
         return *this;                                                             \
-#define RT_RECORDER_INTEGER(Type, DecFormat, HexFormat)                                \
-    CRtTrace::CRtLogRecorder& CRtTrace::CRtLogRecorder::operator<<(Type aValue) {      \
-        char text[32];                                                                 \
-        int n = FormatNumber(text, get_hex_flag() != 0, DecFormat, HexFormat, aValue); \
-        if (n > 0) {                                                                   \
-            advance(text, static_cast<unsigned long>(n));                              \
-        }                                                                              \
-        set_hex_flag(0);                                                               \
-        return *this;                                                                  \
     }
 
 RT_RECORDER_INTEGER(int)
@@ -342,13 +330,6 @@ void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
     line[0] = '\0';
     if (m_pszName && aLevel < m_dwMaskCount && m_pMasks[aLevel].name) {
         FormatLine(line, CRtTimeValue::GetTimeOfDay(), m_pMasks[aLevel].name, aText ? aText : "");
-        CRtTimeValue now = CRtTimeValue::GetTimeOfDay();
-        const rtos::CalendarTime& cal = LocalCalendar(now.GetSec());
-        ::snprintf(
-            line, sizeof(line), "[%02d/%02d/%04d %02d:%02d:%02d.%03d pid=%d tid=%d] %s:%s\n",
-            cal.month, cal.day, cal.year, cal.hour, cal.minute, cal.second,
-            static_cast<int>(now.GetUsec() / 1000), static_cast<int>(rtos::CurrentProcessId()),
-            static_cast<int>(rtos::CurrentThreadId()), m_pMasks[aLevel].name, aText ? aText : "");
     }
     rtos::DebugOutput(line);
 

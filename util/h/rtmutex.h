@@ -18,8 +18,6 @@ public:
     // RT_OK when taken (or re-entered), RT_ERROR_FAILURE at once when another
     // thread holds it.
     int TryLock();
-    int
-    TryLock();  // RT_OK when taken (or re-entered), RT_ERROR_FAILURE when another thread holds it
     rtos::LockStorage& GetMutexType() { return m_Lock; }
 
 protected:

@@ -109,16 +109,6 @@ constexpr int operator==(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) 
     return aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() == aRight.GetUsec();
 }
 constexpr int operator!=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
-inline int operator<(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
-    return aRight > aLeft;
-}
-inline int operator<=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
-    return aRight >= aLeft;
-}
-inline int operator==(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
-    return aLeft.GetSec() == aRight.GetSec() && aLeft.GetUsec() == aRight.GetUsec();
-}
-inline int operator!=(const CRtTimeValue& aLeft, const CRtTimeValue& aRight) {
     return !(aLeft == aRight);
 }
 
