@@ -1,6 +1,7 @@
 // Handing work to another thread: posts to a task thread and cross-thread
 // sends, each beside a plain baseline (a std::mutex + std::condition_variable
-// queue of std::function run by one consumer thread).
+// queue of std::function run by one consumer thread), and timers fired on a
+// timer task thread.
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <future>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "rtframework.h"
 
@@ -61,6 +63,66 @@ void WaitFor(const std::atomic<int64_t>& aRan, int64_t aCount) {
         std::this_thread::yield();
     }
 }
+
+// ---- Timers on a running timer task thread -----------------------------------
+
+constexpr int kTimersPerRound = 1000;
+
+// The timers of one round: a handler each (a queue holds one timer per
+// handler); the last expiry wakes the benchmark thread.
+class TimerRound : public IRtEvent {
+public:
+    explicit TimerRound(IRtTimerQueue* aTimers) : m_pTimers(aTimers), m_Handlers(kTimersPerRound) {
+        for (Handler& handler : m_Handlers) {
+            handler.m_pRound = this;
+        }
+    }
+    // Runs on the task thread: schedules every timer, due at once.
+    int OnEventFire() override {
+        m_nFired = 0;
+        for (Handler& handler : m_Handlers) {
+            m_pTimers->ScheduleTimer(&handler, nullptr, CRtTimeValue::s_tvZero, 1);
+        }
+        return RT_OK;
+    }
+    void OnDestorySelf() override {}
+
+    CRtEventThread m_Done;
+
+private:
+    struct Handler : IRtTimerHandler {
+        void OnTimeout(const CRtTimeValue&, void*) override {
+            if (++m_pRound->m_nFired == kTimersPerRound) {
+                m_pRound->m_Done.Signal();
+            }
+        }
+        TimerRound* m_pRound = nullptr;
+    };
+
+    IRtTimerQueue* m_pTimers;
+    std::vector<Handler> m_Handlers;
+    int m_nFired = 0;  // task thread only
+};
+
+// End to end: a post wakes the thread, which schedules 1,000 timers and fires
+// them in its next pass; the last one wakes the benchmark thread.
+void BM_FireTimersOnTimerTaskThread(benchmark::State& state) {
+    CRtThreadManager::Instance();
+    CRtThread* thread = nullptr;
+    CRtThreadManager::Instance()->CreateUserTaskThread(thread, CRtThreadManager::TF_JOINABLE, 1);
+    {
+        TimerRound round(thread->GetTimerQueue());
+        for (auto _ : state) {
+            thread->GetEventQueue()->PostEvent(&round);
+            round.m_Done.Wait();
+        }
+        thread->Stop();
+        thread->Join(0xFFFFFFFF);
+    }
+    thread->Destory(0);
+    state.SetItemsProcessed(state.iterations() * kTimersPerRound);
+}
+BENCHMARK(BM_FireTimersOnTimerTaskThread)->UseRealTime();
 
 void BM_PostToTaskThread(benchmark::State& state) {
     IRtEventQueue* queue = TaskQueue();

@@ -1,9 +1,10 @@
-// Task threads: their loop, batches, stop, and events sent and posted to them
-// from other threads.
+// Task threads: their loop, batches, stop, events sent and posted to them from
+// other threads, and the timers of a timer task thread.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "rt_test_trace.h"
@@ -52,6 +53,39 @@ CRtThread* NewTaskThread(CRtThreadManager::TFlag aFlag = CRtThreadManager::TF_JO
     CRtThread* thread = nullptr;
     EXPECT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(thread, aFlag, 0), RT_OK);
     return thread;
+}
+
+CRtThread* NewTimerTaskThread() {
+    CRtThread* thread = nullptr;
+    EXPECT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(thread,
+                                                                 CRtThreadManager::TF_JOINABLE, 1),
+              RT_OK);
+    return thread;
+}
+
+// Runs aFn on aThread and waits for it: timers are scheduled and cancelled on
+// the queue's own thread.
+void RunOn(CRtThread* aThread, std::function<void()> aFn) {
+    aThread->GetEventQueue()->SendEvent(new FnEvent([aFn] { return aFn(), RT_OK; }));
+}
+
+// Calls a function on every expiry.
+class FnTimer : public IRtTimerHandler {
+public:
+    explicit FnTimer(std::function<void(void*)> aFn = {}) : m_fn(std::move(aFn)) {}
+    void OnTimeout(const CRtTimeValue&, void* aArg) override {
+        fired++;
+        if (m_fn)
+            m_fn(aArg);
+    }
+    std::atomic<int> fired{0};
+
+private:
+    std::function<void(void*)> m_fn;
+};
+
+CRtTimeValue Ms(long aMs) {
+    return CRtTimeValue(aMs / 1000, (aMs % 1000) * 1000);
 }
 
 void StopJoinDestroy(CRtThread* aThread) {
@@ -248,4 +282,242 @@ TEST(TaskThread, ASelfDeletingTaskThreadIsDeletedOnceInEitherOrder) {
     gate.open.Signal();
     EXPECT_TRUE(WaitUntil([&] { return trace.Count("CRtThread::ThreadProc, quit") == 2; }));
     EXPECT_EQ(g_destroyed.load(), 2);
+}
+
+// ---- Timer task threads ------------------------------------------------------
+
+TEST(TimerTaskThread, HasATimerQueueFoundThroughTheThreadAndTheManager) {
+    CRtThreadManager* manager = CRtThreadManager::Instance();
+    CRtThread* thread = NewTimerTaskThread();
+    ASSERT_TRUE(thread);
+    IRtTimerQueue* timers = thread->GetTimerQueue();
+    ASSERT_NE(timers, nullptr);
+    EXPECT_EQ(manager->GetThreadTimerQueue(thread->GetThreadType()), timers);
+    EXPECT_NE(thread->GetEventQueue(), nullptr);
+    EXPECT_EQ(thread->GetReactor(), nullptr);
+
+    CRtThread* eventsOnly = NewTaskThread();
+    EXPECT_EQ(eventsOnly->GetTimerQueue(), nullptr);
+    EXPECT_EQ(manager->GetThreadTimerQueue(eventsOnly->GetThreadType()), nullptr);
+
+    // The adopted main thread has one too, owned by the host's thread.
+    CRtThread* main = manager->GetThread(CRtThreadManager::TT_MAIN);
+    ASSERT_TRUE(main);
+    ASSERT_NE(main->GetTimerQueue(), nullptr);
+    EXPECT_EQ(manager->GetThreadTimerQueue(CRtThreadManager::TT_MAIN), main->GetTimerQueue());
+
+    StopJoinDestroy(eventsOnly);
+    StopJoinDestroy(thread);
+}
+
+// The host drives the main thread's loop; its timers fire there.
+TEST(TimerTaskThread, TheMainThreadsTimersFireInTheHostsLoop) {
+    CRtThread* main = CRtThreadManager::Instance()->GetThread(CRtThreadManager::TT_MAIN);
+    ASSERT_TRUE(main);
+    auto* task = static_cast<CRtThreadTaskWithEventQueueOnly*>(main);
+    FnTimer timer([&](void*) { main->GetEventQueue()->PostEvent(new CRtStopTaskEvent(task)); });
+    EXPECT_EQ(main->GetTimerQueue()->ScheduleTimer(&timer, nullptr, Ms(20), 1), RT_OK);
+    TraceCapture trace;
+    main->OnThreadRun();  // returns once the timer's stop event has run
+    EXPECT_EQ(timer.fired.load(), 1);
+    EXPECT_EQ(trace.Count("CRtThreadTask::OnThreadRun, End."), 1u);
+}
+
+TEST(TimerTaskThread, ATimerFiresWithoutAnyPostWakingTheThread) {
+    CRtThread* thread = NewTimerTaskThread();
+    unsigned long firedOn = 0;
+    FnTimer timer([&](void*) { firedOn = CRtThreadManager::GetThreadSelfId(); });
+    auto start = std::chrono::steady_clock::now();
+    std::atomic<long long> elapsedMs{-1};
+    FnTimer stamp([&](void*) {
+        elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - start)
+                        .count();
+    });
+    RunOn(thread, [&] {
+        EXPECT_EQ(thread->GetTimerQueue()->ScheduleTimer(&timer, nullptr, Ms(200), 1), RT_OK);
+        EXPECT_EQ(thread->GetTimerQueue()->ScheduleTimer(&stamp, nullptr, Ms(200), 1), RT_OK);
+    });
+    // Nothing is posted from here on: the thread wakes for the timer alone.
+    ASSERT_TRUE(WaitUntil([&] { return elapsedMs.load() >= 0; }));
+    EXPECT_GE(elapsedMs.load(), 190);  // never early (clock granularity aside)
+    EXPECT_EQ(timer.fired.load(), 1);
+    EXPECT_EQ(firedOn, thread->GetThreadId());
+    StopJoinDestroy(thread);
+    EXPECT_EQ(timer.fired.load(), 1);
+}
+
+// Timers run only between passes, so a run of events with no timer inside it
+// is one pass; a ticker kept due all the time marks where each pass begins.
+TEST(TimerTaskThread, TakesFiveEventsPerPassWithATimerCheckBeforeEach) {
+    CRtThread* thread = NewTimerTaskThread();
+    IRtEventQueue* queue = thread->GetEventQueue();
+    std::string log;  // written on the task thread only
+    std::vector<unsigned long> pendingSeen;
+    FnTimer ticker([&](void*) { log += 'T'; });
+    RunOn(thread, [&] { thread->GetTimerQueue()->ScheduleTimer(&ticker, nullptr, Ms(1), 0); });
+    Gate gate;
+    queue->PostEvent(gate.Event([&] { log += 'G'; }));
+    ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 0; }));
+    std::atomic<int> ran{0};
+    for (int i = 0; i < 12; ++i) {
+        queue->PostEvent(new FnEvent([&] {
+            log += 'E';
+            pendingSeen.push_back(queue->GetPendingEventsCount());
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the ticker comes due
+            return ran++, RT_OK;
+        }));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    gate.open.Signal();
+    ASSERT_TRUE(WaitUntil([&] { return ran.load() == 12; }));
+    RunOn(thread, [&] { EXPECT_EQ(thread->GetTimerQueue()->CancelTimer(&ticker), RT_OK); });
+    StopJoinDestroy(thread);
+
+    EXPECT_EQ(pendingSeen, std::vector<unsigned long>({7, 7, 7, 7, 7, 2, 2, 2, 2, 2, 0, 0}));
+    // From the gate on: ticks, 5 events, ticks, 5 events, ticks, 2 events.
+    std::string passes = log.substr(log.find('G') + 1);
+    passes = passes.substr(0, passes.rfind('E') + 1);
+    std::string squeezed;
+    for (char c : passes) {
+        if (c != 'T' || squeezed.empty() || squeezed.back() != 'T')
+            squeezed += c;
+    }
+    EXPECT_EQ(squeezed, "TEEEEETEEEEETEE") << log;
+}
+
+TEST(TimerTaskThread, AFloodOfEventsDelaysADueTimerByOnePassAtMost) {
+    CRtThread* thread = NewTimerTaskThread();
+    IRtEventQueue* queue = thread->GetEventQueue();
+    std::atomic<int> ran{0};
+    std::atomic<int> ranWhenFired{-1};
+    FnTimer timer([&](void*) { ranWhenFired = ran.load(); });
+    RunOn(thread, [&] { thread->GetTimerQueue()->ScheduleTimer(&timer, nullptr, Ms(10), 1); });
+    Gate gate;
+    queue->PostEvent(gate.Event());
+    ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 0; }));
+    const int kFlood = 5000;
+    for (int i = 0; i < kFlood; ++i) {
+        queue->PostEvent(new FnEvent([&] { return ran++, RT_OK; }));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // the timer comes due
+    gate.open.Signal();
+    ASSERT_TRUE(WaitUntil([&] { return ran.load() == kFlood; }));
+    StopJoinDestroy(thread);
+    EXPECT_EQ(timer.fired.load(), 1);
+    EXPECT_GE(ranWhenFired.load(), 0);
+    EXPECT_LE(ranWhenFired.load(), 5);
+}
+
+// Events posted from another thread and a periodic timer share the thread;
+// every one runs there, events in their order.
+TEST(TimerTaskThread, TimersAndEventsInterleave) {
+    CRtThread* thread = NewTimerTaskThread();
+    IRtEventQueue* queue = thread->GetEventQueue();
+    const unsigned long tid = thread->GetThreadId();
+    std::atomic<int> wrongThread{0};
+    int next = 0;
+    int outOfOrder = 0;
+    int ticksSeenByEvents = 0;
+    FnTimer ticker([&](void*) {
+        if (!CRtThreadManager::IsEqualCurrentThread(tid))
+            wrongThread++;
+    });
+    RunOn(thread, [&] { thread->GetTimerQueue()->ScheduleTimer(&ticker, nullptr, Ms(2), 20); });
+    const int kEvents = 200;
+    for (int i = 0; i < kEvents; ++i) {
+        queue->PostEvent(new FnEvent([&, i] {
+            if (!CRtThreadManager::IsEqualCurrentThread(tid))
+                wrongThread++;
+            if (next != i)
+                outOfOrder++;
+            next = i + 1;
+            ticksSeenByEvents = ticker.fired.load();
+            return RT_OK;
+        }));
+        if (i % 10 == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return ticker.fired.load() == 20; }));
+    StopJoinDestroy(thread);
+    EXPECT_EQ(next, kEvents);
+    EXPECT_EQ(outOfOrder, 0);
+    EXPECT_EQ(wrongThread.load(), 0);
+    EXPECT_GT(ticksSeenByEvents, 0);  // some ticks fired between the events
+    EXPECT_EQ(ticker.fired.load(), 20);
+}
+
+TEST(TimerTaskThread, CallbacksCancelAndRescheduleOnTheThread) {
+    CRtThread* thread = NewTimerTaskThread();
+    IRtTimerQueue* timers = thread->GetTimerQueue();
+    FnTimer victim;
+    FnTimer self;
+    int token1 = 1;
+    int token2 = 2;
+    std::vector<int> tokensSeen;
+    std::vector<int> results;
+    FnTimer chooser([&](void* aArg) {
+        int token = *static_cast<int*>(aArg);
+        tokensSeen.push_back(token);
+        if (token == 1) {
+            results.push_back(timers->CancelTimer(&victim));
+            // Its one expiry is spent: rescheduling makes a new timer.
+            results.push_back(timers->ScheduleTimer(&chooser, &token2, Ms(10), 1));
+        }
+    });
+    // A periodic timer that ends itself on its third expiry.
+    FnTimer periodic([&](void*) {
+        if (periodic.fired.load() == 3)
+            results.push_back(timers->CancelTimer(&periodic));
+    });
+    RunOn(thread, [&] {
+        timers->ScheduleTimer(&victim, nullptr, Ms(40), 1);
+        timers->ScheduleTimer(&chooser, &token1, Ms(10), 1);
+        timers->ScheduleTimer(&periodic, nullptr, Ms(5), 0);
+    });
+    ASSERT_TRUE(WaitUntil([&] { return chooser.fired.load() == 2 && periodic.fired.load() >= 3; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the victim's time passes
+    RunOn(thread, [&] {
+        EXPECT_EQ(timers->CancelTimer(&victim), RT_ERROR_NOT_FOUND);
+        EXPECT_EQ(timers->CancelTimer(&chooser), RT_ERROR_NOT_FOUND);
+        EXPECT_EQ(timers->CancelTimer(&periodic), RT_ERROR_NOT_FOUND);
+    });
+    StopJoinDestroy(thread);
+    EXPECT_EQ(victim.fired.load(), 0);
+    EXPECT_EQ(chooser.fired.load(), 2);
+    EXPECT_EQ(periodic.fired.load(), 3);
+    EXPECT_EQ(tokensSeen, std::vector<int>({1, 2}));
+    EXPECT_EQ(results, std::vector<int>({RT_OK, RT_OK, RT_OK}));
+}
+
+// The loop ends with timers still scheduled: none fires, the queue and its
+// nodes go with the object, and pending events are released unrun.
+TEST(TimerTaskThread, StoppingWithPendingTimersReleasesEverything) {
+    TraceCapture trace;
+    CRtThread* thread = NewTimerTaskThread();
+    std::vector<FnTimer> handlers(100);
+    RunOn(thread, [&] {
+        for (size_t i = 0; i < handlers.size(); ++i) {
+            thread->GetTimerQueue()->ScheduleTimer(&handlers[i], nullptr, Ms(3600 * 1000),
+                                                   i % 2 ? 0 : 1);
+        }
+    });
+    Gate gate;
+    thread->GetEventQueue()->PostEvent(gate.Event());
+    std::atomic<int> released{0};
+    std::atomic<int> fired{0};
+    thread->Stop(nullptr);
+    // Behind the stop event: released with the queue, never run.
+    EXPECT_EQ(
+        thread->GetEventQueue()->PostEvent(new FnEvent([&] { return fired++, RT_OK; }, &released)),
+        RT_ERROR_NOT_INITIALIZED);
+    gate.open.Signal();
+    EXPECT_EQ(thread->Join(0xFFFFFFFF), RT_OK);
+    EXPECT_EQ(trace.Count("CRtThreadTask::OnThreadRun, End."), 1u);
+    thread->Destory(0);
+    EXPECT_EQ(released.load(), 1);
+    EXPECT_EQ(fired.load(), 0);
+    for (const FnTimer& handler : handlers) {
+        EXPECT_EQ(handler.fired.load(), 0);
+    }
 }

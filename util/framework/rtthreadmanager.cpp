@@ -94,9 +94,9 @@ int CRtThreadManager::InitMainThread(int aArgc, char** aArgv) {
         }
     }
 
-    // Until a reactor can drive the main thread, a task thread object stands
-    // for it; the host runs its loop.
-    CRtThread* pMain = new (std::nothrow) CRtThreadTaskWithEventQueueOnly();
+    // Until a reactor can drive the main thread, a timer task thread object
+    // stands for it; the host runs its loop.
+    CRtThread* pMain = new (std::nothrow) CRtThreadTask();
     if (!pMain) {
         return RT_ERROR_OUT_OF_MEMORY;
     }
@@ -111,11 +111,9 @@ int CRtThreadManager::InitMainThread(int aArgc, char** aArgv) {
 
 int CRtThreadManager::CreateUserTaskThread(CRtThread*& aThread, TFlag aFlag, int bWithTimerQueue) {
     RT_ASSERTE(!aThread);
-    // Task threads carry no timer queue yet; the thread still serves events.
-    if (bWithTimerQueue) {
-        RT_WARNING_TRACE("CRtThreadManager::CreateUserTaskThread, no timer queue, events only.");
-    }
-    CRtThread* pThread = new (std::nothrow) CRtThreadTaskWithEventQueueOnly();
+    CRtThread* pThread = bWithTimerQueue
+                             ? static_cast<CRtThread*>(new (std::nothrow) CRtThreadTask())
+                             : new (std::nothrow) CRtThreadTaskWithEventQueueOnly();
     RT_ASSERTE_RETURN(pThread, RT_ERROR_OUT_OF_MEMORY);
 
     int rv = pThread->Create(GetAndIncreamUserType(), aFlag);

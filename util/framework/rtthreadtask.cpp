@@ -2,6 +2,7 @@
 #include "rtthreadtask.h"
 
 #include "rtdebug.h"
+#include "rttimerqueueorderedlist.h"
 
 // ---- CRtStopTaskEvent --------------------------------------------------------
 
@@ -56,4 +57,47 @@ void CRtThreadTaskWithEventQueueOnly::OnThreadRun() {
 
 IRtEventQueue* CRtThreadTaskWithEventQueueOnly::GetEventQueue() {
     return &m_EventQueue;
+}
+
+// ---- CRtThreadTask -----------------------------------------------------------
+
+CRtThreadTask::CRtThreadTask() : m_pTimerQueue(nullptr) {}
+
+CRtThreadTask::~CRtThreadTask() {
+    // Pending timers go without their handlers being called.
+    delete m_pTimerQueue;
+}
+
+void CRtThreadTask::OnThreadInit() {
+    RT_ASSERTE(!m_pTimerQueue);
+    // Built here so that the queue's owner is the thread that runs the loop.
+    m_pTimerQueue = new (std::nothrow) CRtTimerQueueOrderedList(nullptr);
+    RT_ASSERTE(m_pTimerQueue);
+    CRtThreadTaskWithEventQueueOnly::OnThreadInit();
+}
+
+void CRtThreadTask::OnThreadRun() {
+    RT_INFO_TRACE("CRtThreadTask::OnThreadRun, Begin.");
+    // At most 5 events per pass, so a flood of events delays a due timer by
+    // no more than 5 event runs.
+    const unsigned long kEventsPerPass = 5;
+    CRtEventQueueBase::EventsType events;
+    while (!m_Stop.IsFlagStopped()) {
+        CRtTimeValue remain = CRtTimeValue::s_tvMax;
+        if (m_pTimerQueue) {
+            m_pTimerQueue->CheckExpire(&remain);
+        }
+        // No timer left: block until an event comes.
+        CRtTimeValue* pLimit = remain == CRtTimeValue::s_tvMax ? nullptr : &remain;
+        if (RT_SUCCEEDED(m_EventQueue.PopOrWaitPendingEvents(events, pLimit, kEventsPerPass))) {
+            m_EventQueue.ProcessEvents(events);
+            events.clear();
+        }
+    }
+    m_EventQueue.DestoryPendingEvents();
+    RT_INFO_TRACE("CRtThreadTask::OnThreadRun, End.");
+}
+
+IRtTimerQueue* CRtThreadTask::GetTimerQueue() {
+    return m_pTimerQueue;
 }

@@ -16,6 +16,7 @@
 
 #include "rteventqueuebase.h"
 #include "rtthread.h"
+#include "rttimerqueuebase.h"
 #include "rtutiltemplates.h"
 
 class CRtThreadTaskWithEventQueueOnly;
@@ -48,6 +49,24 @@ protected:
 
     CRtStopFlag m_Stop;
     CRtEventQueueUsingConditionVariable m_EventQueue;
+};
+
+// Events and timers. The timer queue is created on the task thread in
+// OnThreadInit (or on the host's thread for the main thread), so timers are
+// scheduled and fire there; GetTimerQueue is null before that.
+class RT_API CRtThreadTask : public CRtThreadTaskWithEventQueueOnly {
+public:
+    CRtThreadTask();
+
+    void OnThreadInit() override;
+    void OnThreadRun() override;
+    IRtTimerQueue* GetTimerQueue() override;
+
+protected:
+    ~CRtThreadTask() override;
+
+    // Owned; its single-thread check belongs to the thread that ran OnThreadInit.
+    CRtTimerQueueBase* m_pTimerQueue;
 };
 
 #endif  // RTTHREADTASK_H
