@@ -61,12 +61,4 @@ inline size_t ChainBlocks(const CRtMessageBlock* aMb) {
     return n;
 }
 
-inline int CountContaining(const std::vector<std::string>& aLines, const std::string& aText) {
-    int n = 0;
-    for (const std::string& line : aLines) {
-        n += line.find(aText) != std::string::npos ? 1 : 0;
-    }
-    return n;
-}
-
 #endif  // TESTS_MESSAGEBLOCK_HELPERS_H

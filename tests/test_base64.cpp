@@ -47,9 +47,6 @@ TEST(Base64, EncodesAndDecodesTheRfc4648Vectors) {
         EXPECT_EQ(Encode(v[0]), v[1]) << v[0];
         EXPECT_EQ(Decode(v[1]), v[0]) << v[1];
     }
-    EXPECT_EQ(Encode("abc"), "YWJj");
-    EXPECT_EQ(Encode("ab"), "YWI=");
-    EXPECT_EQ(Encode("a"), "YQ==");
 }
 
 TEST(Base64, EncodesAllByteValuesWithTheStandardAlphabet) {
@@ -77,32 +74,36 @@ TEST(Base64, RoundTripsRandomDataOfEveryLengthUpTo300) {
     }
 }
 
-TEST(Base64, DecodingSkipsOnlyLeadingSpacesAndTabs) {
-    EXPECT_EQ(Decode("  YQ=="), "a");
-    EXPECT_EQ(Decode("\t \tYWJj"), "abc");
-    EXPECT_EQ(Decode("\nYWJj"), "");
-    EXPECT_EQ(Decode("\rYWJj"), "");
-    EXPECT_EQ(Decode("YW Jj"), "a");
-}
-
-TEST(Base64, DecodingEndsAtTheFirstCharacterOutsideTheAlphabet) {
-    EXPECT_EQ(Decode("YWI="), "ab");
-    EXPECT_EQ(Decode("YWI"), "ab");
-    EXPECT_EQ(Decode("YWJj\nYWJj"), "abc");
-    EXPECT_EQ(Decode("YWJj\r\nYWJj"), "abc");
-    EXPECT_EQ(Decode("YQ==YWJj"), "a");  // padding in the middle ends the text
-    EXPECT_EQ(Decode("=YWJj"), "");
-    EXPECT_EQ(Decode("-_-_"), "");  // the URL-safe alphabet is not this one
-    EXPECT_EQ(Decode("YWJj\x80YWJj"), "abc");
-    EXPECT_EQ(Decode("\xffYWJj"), "");
-}
-
-TEST(Base64, DecodingALoneLeftoverCharacterGivesNoByte) {
-    EXPECT_EQ(Decode("Y"), "");
-    EXPECT_EQ(Decode("YWJjY"), "abc");
-    EXPECT_EQ(Decode("YWJjY="), "abc");
-    EXPECT_EQ(Decode("YWJjYW"), "abca");
-    EXPECT_EQ(Decode("YWJjYWI"), "abcab");
+TEST(Base64, DecodingSkipsLeadingBlanksAndEndsOutsideTheAlphabet) {
+    const char* const kCases[][2] = {
+        // Only leading spaces and tabs are skipped.
+        {"  YQ==", "a"},
+        {"\t \tYWJj", "abc"},
+        {"\nYWJj", ""},
+        {"\rYWJj", ""},
+        {"YW Jj", "a"},
+        // The first character outside the alphabet ends the text.
+        {"YWI=", "ab"},
+        {"YWI", "ab"},
+        {"YWJj\nYWJj", "abc"},
+        {"YWJj\r\nYWJj", "abc"},
+        {"YQ==YWJj", "a"},  // padding in the middle ends the text
+        {"=YWJj", ""},
+        {"-_-_", ""},  // the URL-safe alphabet is not this one
+        {"YWJj\x80YWJj", "abc"},
+        {"\xffYWJj", ""},
+        // A lone leftover character gives no byte.
+        {"Y", ""},
+        {"YWJjY", "abc"},
+        {"YWJjY=", "abc"},
+        {"YWJjYW", "abca"},
+        {"YWJjYWI", "abcab"},
+        {"", ""},
+        {"   \t", ""},
+    };
+    for (const auto& c : kCases) {
+        EXPECT_EQ(Decode(c[0]), c[1]) << c[0];
+    }
 }
 
 TEST(Base64, DecodeTableKnowsExactlyTheAlphabet) {
@@ -131,8 +132,6 @@ TEST(Base64, NullAndEmptyInputsGiveEmptyResults) {
     out = "old";
     RtBase64Decode(nullptr, out);
     EXPECT_EQ(out, "");
-    EXPECT_EQ(Decode(""), "");
-    EXPECT_EQ(Decode("   \t"), "");
 }
 
 TEST(Base64, InputMayLiveInTheDestination) {

@@ -34,7 +34,7 @@ TEST(DataBlock, BadCreationsFailAndLeaveThePointerAlone) {
     CRtDataBlock* db = nullptr;
     EXPECT_EQ(CRtDataBlock::CreateInstance(db, 0, "x"), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(db, nullptr);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: aSize > 0"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: aSize > 0"));
 
     EXPECT_EQ(CRtDataBlock::CreateInstance(db, ULONG_MAX, nullptr), RT_ERROR_OUT_OF_MEMORY);
     EXPECT_EQ(db, nullptr);
@@ -44,7 +44,7 @@ TEST(DataBlock, BadCreationsFailAndLeaveThePointerAlone) {
     ASSERT_EQ(CRtDataBlock::CreateInstance(first, 8, nullptr), RT_OK);
     CRtDataBlock* second = first;
     ASSERT_EQ(CRtDataBlock::CreateInstance(second, 8, nullptr), RT_OK);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: !aDb"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: !aDb"));
     EXPECT_NE(second, first);
     EXPECT_EQ(first->GetReference(), 1u);
     first->ReleaseReference();
@@ -104,19 +104,19 @@ TEST(DataBlockNoMalloc, NullBuffersAndNullRangesAreRefused) {
     char buf[4] = {};
     CRtDataBlockNoMalloc nm(buf, sizeof(buf));
     EXPECT_EQ(nm.Read(nullptr, 1), RT_ERROR_INVALID_ARG);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: aDst"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: aDst"));
     EXPECT_EQ(nm.Write(nullptr, 1), RT_ERROR_INVALID_ARG);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: aSrc"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: aSrc"));
 
     CRtDataBlockNoMalloc empty(nullptr, 10);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pBegin"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pBegin"));
     // The destination is checked before the cursors.
     EXPECT_EQ(empty.Read(nullptr, 1), RT_ERROR_INVALID_ARG);
     TraceCapture::Take();
     unsigned long n = 99;
     EXPECT_EQ(empty.Read(buf, 1, &n), RT_ERROR_NOT_INITIALIZED);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pCurrentRead"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pCurrentRead"));
     EXPECT_EQ(empty.Write(buf, 1, &n), RT_ERROR_NOT_INITIALIZED);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pCurrentWrite"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pCurrentWrite"));
     EXPECT_EQ(n, 99u);
 }

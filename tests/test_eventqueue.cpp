@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "rt_test_trace.h"
+#include "trace_capture.h"
 #include "rtframework.h"
 
 namespace {

@@ -46,8 +46,8 @@ TEST(MessageBlock, MallocDataMakesOwnStorageAndIsNotKept) {
     // Asking for both a copy and caller memory is reported; the copy wins.
     CRtMessageBlock both(sizeof(bytes), bytes,
                          CRtMessageBlock::MALLOC_DATA | CRtMessageBlock::DONT_DELETE);
-    EXPECT_TRUE(TraceCapture::TakeContains(
-        "Assert failed: RT_BIT_DISABLED(aFlag, CRtMessageBlock::DONT_DELETE)"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount(
+                      "Assert failed: RT_BIT_DISABLED(aFlag, CRtMessageBlock::DONT_DELETE)"));
     EXPECT_EQ(both.GetFlag(), 0u);
     EXPECT_NE(both.GetTopLevelWritePtr(), bytes);
     EXPECT_EQ(both.GetTopLevelSpace(), 5u);
@@ -77,7 +77,7 @@ TEST(MessageBlock, SizeZeroGivesNullPositions) {
     // traced and leaves it empty.
     CRtMessageBlock tooFar(4, nullptr, 0, 5);
     EXPECT_EQ(tooFar.GetTopLevelLength(), 0u);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pWritePtr + aStep <= m_pEndPtr"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr + aStep <= m_pEndPtr"));
 }
 
 TEST(MessageBlock, ConstructedOverADataBlockSharesIt) {
@@ -86,8 +86,8 @@ TEST(MessageBlock, ConstructedOverADataBlockSharesIt) {
     ASSERT_EQ(CRtDataBlock::CreateInstance(db, 6, "abcdef"), RT_OK);
     {
         CRtMessageBlock mb(db, CRtMessageBlock::DONT_DELETE | CRtMessageBlock::MALLOC_DATA);
-        EXPECT_TRUE(TraceCapture::TakeContains(
-            "Assert failed: RT_BIT_DISABLED(aFlag, CRtMessageBlock::DONT_DELETE)"));
+        EXPECT_EQ(1u, TraceCapture::TakeCount(
+                          "Assert failed: RT_BIT_DISABLED(aFlag, CRtMessageBlock::DONT_DELETE)"));
         EXPECT_EQ(mb.GetFlag(), 0u);
         EXPECT_EQ(db->GetReference(), 2u);
         EXPECT_EQ(mb.GetTopLevelWritePtr(), db->GetBasePtr());
@@ -103,10 +103,10 @@ TEST(MessageBlock, AdvancingPastDataOrSpaceFailsAndMovesNothing) {
     TraceCapture capture;
     CRtMessageBlock mb(10, nullptr, 0, 4);
     EXPECT_EQ(mb.AdvanceTopLevelReadPtr(5), RT_ERROR_NOT_AVAILABLE);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pWritePtr >= m_pReadPtr + aStep"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr >= m_pReadPtr + aStep"));
     EXPECT_EQ(mb.GetTopLevelLength(), 4u);
     EXPECT_EQ(mb.AdvanceTopLevelWritePtr(7), RT_ERROR_NOT_AVAILABLE);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pWritePtr + aStep <= m_pEndPtr"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr + aStep <= m_pEndPtr"));
     EXPECT_EQ(mb.GetTopLevelSpace(), 6u);
     // Huge steps must not form pointers beyond the buffer (UBSan checks).
     EXPECT_EQ(mb.AdvanceTopLevelWritePtr(ULONG_MAX), RT_ERROR_NOT_AVAILABLE);
@@ -131,22 +131,22 @@ TEST(MessageBlock, LockedBlocksTraceEachUseAndGoOn) {
     const std::string kWrite = "Assert failed: RT_BIT_DISABLED(m_Flag, WRITE_LOCKED)";
 
     EXPECT_NE(mb->GetTopLevelReadPtr(), nullptr);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(), kRead), 1);
+    EXPECT_EQ(TraceCapture::TakeCount(kRead), 1u);
     EXPECT_NE(mb->GetTopLevelWritePtr(), nullptr);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(), kWrite), 1);
+    EXPECT_EQ(TraceCapture::TakeCount(kWrite), 1u);
     EXPECT_EQ(mb->AdvanceTopLevelWritePtr(1), RT_OK);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(), kWrite), 1);
+    EXPECT_EQ(TraceCapture::TakeCount(kWrite), 1u);
     EXPECT_EQ(mb->AdvanceTopLevelReadPtr(1), RT_OK);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(), kRead), 1);
+    EXPECT_EQ(TraceCapture::TakeCount(kRead), 1u);
     EXPECT_EQ(mb->Write("x", 1), RT_OK);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(), kWrite), 1);
+    EXPECT_EQ(TraceCapture::TakeCount(kWrite), 1u);
     char out[8];
     EXPECT_EQ(mb->Peek(out, 2), RT_OK);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(), kRead), 1);
+    EXPECT_EQ(TraceCapture::TakeCount(kRead), 1u);
     EXPECT_EQ(mb->Read(out, 2), RT_OK);
-    EXPECT_EQ(CountContaining(TraceCapture::Take(),
-                              "Assert failed: RT_BIT_DISABLED(pMbMove->m_Flag, READ_LOCKED)"),
-              1);
+    EXPECT_EQ(
+        TraceCapture::TakeCount("Assert failed: RT_BIT_DISABLED(pMbMove->m_Flag, READ_LOCKED)"),
+        1u);
     delete mb;
 }
 
@@ -258,13 +258,13 @@ TEST(MessageBlock, OutOfOrderPositionsNeverLeadOutsideTheBuffer) {
     ASSERT_EQ(mb->AdvanceTopLevelReadPtr(4), RT_OK);
     mb->RewindChained(FALSE);  // write goes back to begin, read stays: read > write
     EXPECT_EQ(mb->GetTopLevelLength(), 0u);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pWritePtr >= m_pReadPtr"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr >= m_pReadPtr"));
     char out[8];
     unsigned long n = 99;
     EXPECT_EQ(mb->Read(out, 4, &n), RT_ERROR_PARTIAL_DATA);
     EXPECT_EQ(n, 0u);
     EXPECT_TRUE(
-        TraceCapture::TakeContains("Assert failed: pMbMove->m_pWritePtr >= pMbMove->m_pReadPtr"));
+        TraceCapture::TakeCount("Assert failed: pMbMove->m_pWritePtr >= pMbMove->m_pReadPtr"));
     EXPECT_EQ(mb->Peek(out, 1, 0, &n), RT_ERROR_PARTIAL_DATA);
     EXPECT_EQ(mb->FlattenChained(), "");
     iovec iov[2];

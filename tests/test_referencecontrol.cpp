@@ -72,7 +72,7 @@ TEST(ReferenceControl, ReleasingTooOftenIsTracedAndNeverDestroysTwice) {
     EXPECT_EQ(obj.ReleaseReference(), 0u);
     EXPECT_EQ(obj.m_nDestroyed, 1);
     EXPECT_EQ(obj.GetReference(), 0u);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: dwOld > 0"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: dwOld > 0"));
 }
 
 TEST(ReferenceControl, ConcurrentReferencesFromManyThreadsDestroyExactlyOnce) {
@@ -157,5 +157,5 @@ TEST(AutoPtr, AccessThroughANullPointerIsTraced) {
     TraceCapture capture;
     CRtAutoPtr<CountedObject> p;
     EXPECT_EQ(p.operator->(), nullptr);
-    EXPECT_TRUE(TraceCapture::TakeContains("Assert failed: m_pRawPtr"));
+    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pRawPtr"));
 }

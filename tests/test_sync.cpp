@@ -27,22 +27,26 @@ int OnOtherThread(std::function<int()> aFn) {
     return std::async(std::launch::async, aFn).get();
 }
 
-// Polls aDone for up to 20 s; true once it holds.
-bool Eventually(std::function<bool()> aDone) {
-    const Clock::time_point start = Clock::now();
-    while (!aDone()) {
-        if (MsSince(start) > 20000) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+void JoinAll(std::vector<std::thread>& aThreads) {
+    for (std::thread& th : aThreads) {
+        th.join();
     }
-    return true;
 }
 
-// Waits until aCount threads are queued on the event, so a pulse or a signal
-// reaches them rather than racing their arrival.
-bool WaitersQueued(CRtEventThread& aEvent, long aCount) {
-    return Eventually([&] { return rtos::EventWaiterCount(aEvent.GetHandle()) == aCount; });
+// Starts aCount threads that wait on aEvent and count their wake-ups, and
+// returns once all are queued, so a pulse or a signal reaches them rather than
+// racing their arrival. A generous limit turns a lost wake-up into a failure.
+std::vector<std::thread> StartWaiters(CRtEventThread& aEvent, int aCount, std::atomic<int>& aWoke) {
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < aCount; ++i) {
+        waiters.emplace_back([&] {
+            CRtTimeValue limit(30L, 0L);
+            EXPECT_EQ(aEvent.Wait(&limit), RT_OK);
+            ++aWoke;
+        });
+    }
+    EXPECT_TRUE(WaitUntil([&] { return rtos::EventWaiterCount(aEvent.GetHandle()) == aCount; }));
+    return waiters;
 }
 
 }  // namespace
@@ -53,6 +57,18 @@ template <class Mutex>
 class LockTest : public ::testing::Test {};
 using LockTypes = ::testing::Types<CRtMutexThread, CRtMutexThreadRecursive>;
 TYPED_TEST_SUITE(LockTest, LockTypes);
+
+// Whether another thread can take aMutex now; releases it again if so.
+template <class Mutex>
+bool OthersCanTake(Mutex& aMutex) {
+    return OnOtherThread([&] {
+               int rv = aMutex.TryLock();
+               if (RT_SUCCEEDED(rv)) {
+                   aMutex.UnLock();
+               }
+               return rv;
+           }) == RT_OK;
+}
 
 TYPED_TEST(LockTest, TryLockFailsAtOnceForOthersAndReentersForTheHolder) {
     TypeParam mutex;
@@ -67,44 +83,27 @@ TYPED_TEST(LockTest, TryLockFailsAtOnceForOthersAndReentersForTheHolder) {
     EXPECT_EQ(OnOtherThread([&] { return mutex.TryLock(); }), RT_ERROR_FAILURE);
     EXPECT_EQ(mutex.UnLock(), RT_OK);
 
-    EXPECT_EQ(OnOtherThread([&] {
-                  int rv = mutex.TryLock();
-                  if (RT_SUCCEEDED(rv)) {
-                      mutex.UnLock();
-                  }
-                  return rv;
-              }),
-              RT_OK);
+    EXPECT_TRUE(OthersCanTake(mutex));
 }
 
 TYPED_TEST(LockTest, GuardReleasesOnceEvenAfterAnExplicitUnLock) {
     TypeParam mutex;
-    auto othersCanTake = [&] {
-        return OnOtherThread([&] {
-                   int rv = mutex.TryLock();
-                   if (RT_SUCCEEDED(rv)) {
-                       mutex.UnLock();
-                   }
-                   return rv;
-               }) == RT_OK;
-    };
-
     mutex.Lock();  // an outer hold the guard must not release
     {
         CRtMutexGuardT<TypeParam> guard(mutex);
-        EXPECT_FALSE(othersCanTake());
+        EXPECT_FALSE(OthersCanTake(mutex));
         EXPECT_EQ(guard.UnLock(), RT_OK);
         EXPECT_EQ(guard.UnLock(), RT_OK);  // no second release
     }
-    EXPECT_FALSE(othersCanTake());
+    EXPECT_FALSE(OthersCanTake(mutex));
     mutex.UnLock();
-    EXPECT_TRUE(othersCanTake());
+    EXPECT_TRUE(OthersCanTake(mutex));
 
     {
         CRtMutexGuardT<TypeParam> guard(mutex);
-        EXPECT_FALSE(othersCanTake());
+        EXPECT_FALSE(OthersCanTake(mutex));
     }
-    EXPECT_TRUE(othersCanTake());
+    EXPECT_TRUE(OthersCanTake(mutex));
 }
 
 TYPED_TEST(LockTest, GuardsExcludeEachOther) {
@@ -119,9 +118,7 @@ TYPED_TEST(LockTest, GuardsExcludeEachOther) {
             }
         });
     }
-    for (std::thread& th : threads) {
-        th.join();
-    }
+    JoinAll(threads);
     EXPECT_EQ(counter, 80000);
 }
 
@@ -155,9 +152,7 @@ TEST(Semaphore, CountsAreTakenAndReleased) {
         });
     }
     EXPECT_EQ(sem.UnLock(3), RT_OK);
-    for (std::thread& th : waiters) {
-        th.join();
-    }
+    JoinAll(waiters);
     EXPECT_EQ(woke, 3);
     EXPECT_EQ(rtos::HandleWait(sem.GetHandle(), 0), rtos::kWaitTimeout);
 }
@@ -166,9 +161,9 @@ TEST(Semaphore, ReleasePastTheMaximumFails) {
     TraceCapture capture;
     CRtSemaphore sem(0, nullptr, 2);
     EXPECT_EQ(sem.UnLock(3), RT_ERROR_FAILURE);
-    EXPECT_TRUE(TraceCapture::TakeContains(
-        "Error:CRtSemaphore::UnLock, ReleaseSemaphore() failed! err=" + std::to_string(EINVAL) +
-        "\n"));
+    EXPECT_EQ(
+        1u, TraceCapture::TakeCount("Error:CRtSemaphore::UnLock, ReleaseSemaphore() failed! err=" +
+                                    std::to_string(EINVAL) + "\n"));
     EXPECT_EQ(sem.UnLock(2), RT_OK);
     EXPECT_EQ(sem.UnLock(), RT_ERROR_FAILURE);
     // The failed releases added nothing.
@@ -202,8 +197,9 @@ TEST(Semaphore, FailedCreationIsTracedAndEveryUseFails) {
     EXPECT_EQ(sem.GetHandle(), nullptr);
 
     EXPECT_EQ(sem.Lock(), RT_ERROR_FAILURE);
-    EXPECT_TRUE(TraceCapture::TakeContains(
-        "Error:CRtSemaphore::Lock, WaitForSingleObject() failed! dwRet=4294967295 err="));
+    EXPECT_EQ(1u,
+              TraceCapture::TakeCount(
+                  "Error:CRtSemaphore::Lock, WaitForSingleObject() failed! dwRet=4294967295 err="));
     EXPECT_EQ(sem.UnLock(), RT_ERROR_FAILURE);
 }
 
@@ -229,20 +225,15 @@ TEST(ConditionVariable, WaitTimesOutWithTheLockHeldAgain) {
     EXPECT_TRUE(TraceCapture::Take().empty()) << "a time-out is not a failure";
 }
 
-TEST(ConditionVariable, SignalWithNoWaiterIsLost) {
+TEST(ConditionVariable, SignalWakesAWaiterAndIsLostWithoutOne) {
     CRtMutexThread mutex;
     CRtConditionVariableThread cond(mutex);
-    cond.Signal();
     cond.Signal();
     mutex.Lock();
     CRtTimeValue limit(0L, 50000L);
     EXPECT_EQ(cond.Wait(&limit), RT_ERROR_TIMEOUT);
     mutex.UnLock();
-}
 
-TEST(ConditionVariable, SignalWakesAWaiter) {
-    CRtMutexThread mutex;
-    CRtConditionVariableThread cond(mutex);
     bool ready = false;  // guarded by mutex
     bool waiting = false;
 
@@ -253,7 +244,7 @@ TEST(ConditionVariable, SignalWakesAWaiter) {
             EXPECT_EQ(cond.Wait(nullptr), RT_OK);
         }
     });
-    ASSERT_TRUE(Eventually([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         CRtMutexGuardT<CRtMutexThread> guard(mutex);
         return waiting;
     }));
@@ -283,7 +274,7 @@ TEST(ConditionVariable, BroadcastReturnsOnceEveryWaiterWoke) {
         });
     }
     // A waiter counted under the lock is inside Wait once the lock is free.
-    ASSERT_TRUE(Eventually([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         CRtMutexGuardT<CRtMutexThread> guard(mutex);
         return entered == kWaiters;
     }));
@@ -293,9 +284,7 @@ TEST(ConditionVariable, BroadcastReturnsOnceEveryWaiterWoke) {
     EXPECT_EQ(cond.Broadcast(), RT_OK);
     EXPECT_EQ(woke, 0);
     mutex.UnLock();
-    for (std::thread& th : waiters) {
-        th.join();
-    }
+    JoinAll(waiters);
     EXPECT_EQ(woke, kWaiters);
 
     // With nobody waiting it returns at once.
@@ -337,9 +326,7 @@ TEST(ConditionVariable, QueueOfProducersAndConsumersLosesNothing) {
             }
         });
     }
-    for (std::thread& th : threads) {
-        th.join();
-    }
+    JoinAll(threads);
     EXPECT_EQ(consumed, 2 * kPerProducer);
     EXPECT_EQ(items, 0);
 }
@@ -372,131 +359,56 @@ TEST(Event, TimeOutsOfZeroNegativeAndNull) {
     signaller.join();
 }
 
-TEST(Event, AutoResetReleasesExactlyOneWaiterPerSignal) {
+TEST(Event, AutoResetReleasesExactlyOneWaiterPerSignalOrPulse) {
     CRtEventThread event;  // auto-reset, not signalled
-    std::atomic<int> woke{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 2; ++i) {
-        waiters.emplace_back([&] {
-            EXPECT_EQ(event.Wait(nullptr), RT_OK);
-            ++woke;
-        });
-    }
-    ASSERT_TRUE(WaitersQueued(event, 2));
-    EXPECT_EQ(event.Signal(), RT_OK);
-    ASSERT_TRUE(Eventually([&] { return woke == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(woke, 1);
-    EXPECT_EQ(rtos::EventWaiterCount(event.GetHandle()), 1);
-
-    EXPECT_EQ(event.Signal(), RT_OK);
-    for (std::thread& th : waiters) {
-        th.join();
-    }
-    EXPECT_EQ(woke, 2);
     CRtTimeValue zero;
-    EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT) << "the signal was consumed";
-
-    // Signalled with nobody waiting: the next wait takes it, the one after not.
-    EXPECT_EQ(event.Signal(), RT_OK);
-    EXPECT_EQ(event.Signal(), RT_OK);
-    EXPECT_EQ(event.Wait(&zero), RT_OK);
-    EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT);
-}
-
-TEST(Event, TwoQuickSignalsReleaseTwoQueuedWaiters) {
-    CRtEventThread event;
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 2; ++i) {
-        waiters.emplace_back([&] {
-            CRtTimeValue limit(30L, 0L);
-            EXPECT_EQ(event.Wait(&limit), RT_OK);
-        });
+    for (bool pulse : {false, true}) {
+        std::atomic<int> woke{0};
+        std::vector<std::thread> waiters = StartWaiters(event, 2, woke);
+        EXPECT_EQ(pulse ? event.Pulse() : event.Signal(), RT_OK);
+        ASSERT_TRUE(WaitUntil([&] { return woke == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(woke, 1);
+        EXPECT_EQ(rtos::EventWaiterCount(event.GetHandle()), 1);
+        EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT) << "the wake-up was consumed";
+        EXPECT_EQ(event.Signal(), RT_OK);
+        JoinAll(waiters);
+        EXPECT_EQ(woke, 2);
     }
-    ASSERT_TRUE(WaitersQueued(event, 2));
+    // Two quick signals release two queued waiters.
+    std::atomic<int> woke{0};
+    std::vector<std::thread> waiters = StartWaiters(event, 2, woke);
     event.Signal();
     event.Signal();
-    for (std::thread& th : waiters) {
-        th.join();
-    }
-}
+    JoinAll(waiters);
 
-TEST(Event, ManualResetReleasesEveryoneAndStaysSignalled) {
-    CRtEventThread event(1, 0, nullptr);
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back([&] {
-            CRtTimeValue limit(30L, 0L);
-            EXPECT_EQ(event.Wait(&limit), RT_OK);
-        });
-    }
-    ASSERT_TRUE(WaitersQueued(event, 3));
+    // Signalled with nobody waiting: the next wait takes it, the one after not;
+    // a pulse with nobody waiting is lost.
     EXPECT_EQ(event.Signal(), RT_OK);
-    for (std::thread& th : waiters) {
-        th.join();
-    }
-    CRtTimeValue zero;
-    EXPECT_EQ(event.Wait(&zero), RT_OK);
-    EXPECT_EQ(event.Wait(&zero), RT_OK);
-
-    // A pulse leaves it not signalled.
-    EXPECT_EQ(event.Pulse(), RT_OK);
-    EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT);
-}
-
-TEST(Event, InitiallySignalled) {
-    CRtEventThread autoEvent(0, 1, nullptr);
-    CRtTimeValue zero;
-    EXPECT_EQ(autoEvent.Wait(&zero), RT_OK);
-    EXPECT_EQ(autoEvent.Wait(&zero), RT_ERROR_TIMEOUT);
-}
-
-TEST(Event, ManualPulseReleasesTheCurrentWaitersOnly) {
-    CRtEventThread event(1, 0, nullptr);
-    std::atomic<int> woke{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back([&] {
-            CRtTimeValue limit(30L, 0L);
-            EXPECT_EQ(event.Wait(&limit), RT_OK);
-            ++woke;
-        });
-    }
-    ASSERT_TRUE(WaitersQueued(event, 3));
-    EXPECT_EQ(event.Pulse(), RT_OK);
-    for (std::thread& th : waiters) {
-        th.join();
-    }
-    EXPECT_EQ(woke, 3);
-    CRtTimeValue zero;
-    EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT) << "a pulse leaves the event not signalled";
-}
-
-TEST(Event, AutoPulseReleasesOneWaiter) {
-    CRtEventThread event;
-    std::atomic<int> woke{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 2; ++i) {
-        waiters.emplace_back([&] {
-            EXPECT_EQ(event.Wait(nullptr), RT_OK);
-            ++woke;
-        });
-    }
-    ASSERT_TRUE(WaitersQueued(event, 2));
-    EXPECT_EQ(event.Pulse(), RT_OK);
-    ASSERT_TRUE(Eventually([&] { return woke == 1; }));
-    EXPECT_EQ(rtos::EventWaiterCount(event.GetHandle()), 1);
-    CRtTimeValue zero;
-    EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT);
-
-    // A pulse with no waiter is lost; the last waiter needs a signal.
     EXPECT_EQ(event.Signal(), RT_OK);
-    for (std::thread& th : waiters) {
-        th.join();
-    }
-    EXPECT_EQ(woke, 2);
+    EXPECT_EQ(event.Wait(&zero), RT_OK);
+    EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT);
     EXPECT_EQ(event.Pulse(), RT_OK);
     EXPECT_EQ(event.Wait(&zero), RT_ERROR_TIMEOUT);
+
+    CRtEventThread initiallySignalled(0, 1, nullptr);
+    EXPECT_EQ(initiallySignalled.Wait(&zero), RT_OK);
+    EXPECT_EQ(initiallySignalled.Wait(&zero), RT_ERROR_TIMEOUT);
+}
+
+TEST(Event, ManualResetReleasesEveryone) {
+    CRtTimeValue zero;
+    for (bool pulse : {false, true}) {
+        CRtEventThread event(1, 0, nullptr);
+        std::atomic<int> woke{0};
+        std::vector<std::thread> waiters = StartWaiters(event, 3, woke);
+        EXPECT_EQ(pulse ? event.Pulse() : event.Signal(), RT_OK);
+        JoinAll(waiters);
+        EXPECT_EQ(woke, 3);
+        // A signal stays set; a pulse leaves the event not signalled.
+        EXPECT_EQ(event.Wait(&zero), pulse ? RT_ERROR_TIMEOUT : RT_OK);
+        EXPECT_EQ(event.Wait(&zero), pulse ? RT_ERROR_TIMEOUT : RT_OK);
+    }
 }
 
 TEST(Event, PingPongBetweenTwoThreadsLosesNoWakeUp) {

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "rt_test_trace.h"
+#include "trace_capture.h"
 #include "rtframework.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "rt_test_trace.h"
+#include "trace_capture.h"
 #include "rtframework.h"
 
 namespace {

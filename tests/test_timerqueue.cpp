@@ -4,7 +4,6 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -12,38 +11,9 @@
 
 #include "rtframework.h"
 #include "rtos.h"
+#include "trace_capture.h"
 
 namespace {
-
-// ---- Trace capture -----------------------------------------------------------
-
-std::mutex g_traceMutex;
-std::vector<std::string> g_traces;
-
-void CaptureTrace(const char* aLine) {
-    std::lock_guard<std::mutex> lock(g_traceMutex);
-    g_traces.emplace_back(aLine);
-}
-
-class TraceCapture {
-public:
-    TraceCapture() {
-        Clear();
-        RtSetDebugOutputSink(CaptureTrace);
-    }
-    ~TraceCapture() { RtSetDebugOutputSink(nullptr); }
-
-    void Clear() {
-        std::lock_guard<std::mutex> lock(g_traceMutex);
-        g_traces.clear();
-    }
-    int Count(const std::string& aText) const {
-        std::lock_guard<std::mutex> lock(g_traceMutex);
-        return static_cast<int>(std::count_if(
-            g_traces.begin(), g_traces.end(),
-            [&](const std::string& aLine) { return aLine.find(aText) != std::string::npos; }));
-    }
-};
 
 // ---- A queue on a clock the test moves -----------------------------------------
 
@@ -206,7 +176,7 @@ TEST(TimerQueue, AZeroOrNegativeIntervalIsAcceptedOnlyForOneShots) {
     EXPECT_EQ(q.ScheduleTimer(&refused, nullptr, CRtTimeValue::s_tvZero, 0), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(q.ScheduleTimer(&refused, nullptr, CRtTimeValue::s_tvZero, 2), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(q.ScheduleTimer(&refused, nullptr, CRtTimeValue(-1L, 0L), 0), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(traces.Count("Assert failed: aInterval > CRtTimeValue::s_tvZero || aCount == 1"), 3);
+    EXPECT_EQ(traces.Count("Assert failed: aInterval > CRtTimeValue::s_tvZero || aCount == 1"), 3u);
     EXPECT_EQ(q.CancelTimer(&refused), RT_ERROR_NOT_FOUND);  // nothing was stored
 }
 
@@ -246,11 +216,11 @@ TEST(TimerQueue, NullHandlersAreRefusedWithATraceAndUnknownOnesAreNotFound) {
     ManualClockQueue q;
     EXPECT_EQ(q.ScheduleTimer(nullptr, nullptr, kSec1, 1), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(q.CancelTimer(nullptr), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(traces.Count("Assert failed: aEh"), 2);
+    EXPECT_EQ(traces.Count("Assert failed: aEh"), 2u);
 
     traces.Clear();
     EXPECT_EQ(q.CancelTimer(&h), RT_ERROR_NOT_FOUND);
-    EXPECT_EQ(traces.Count("Assert failed"), 0);
+    EXPECT_EQ(traces.Count("Assert failed"), 0u);
     EXPECT_TRUE(q.GetEarliestTime() == CRtTimeValue::s_tvMax);
 }
 
@@ -432,11 +402,11 @@ TEST(TimerQueue, CallsFromAnotherThreadAreTracedAndCarriedOut) {
     other.join();
     EXPECT_EQ(nSchedule, RT_OK);
     EXPECT_EQ(nCancel, RT_OK);
-    EXPECT_GE(traces.Count("IsThreadEqual(m_ThreadIdOpen, tidCur)"), 2);
+    EXPECT_GE(traces.Count("IsThreadEqual(m_ThreadIdOpen, tidCur)"), 2u);
 
     traces.Clear();
     q.ScheduleTimer(&h, nullptr, kSec1, 1);
-    EXPECT_EQ(traces.Count("IsThreadEqual"), 0);
+    EXPECT_EQ(traces.Count("IsThreadEqual"), 0u);
 }
 
 // ---- Against a sorted list ------------------------------------------------------------
@@ -571,7 +541,7 @@ void ExpectSameCallbacksAsASortedList() {
         }
         EXPECT_EQ(heap.m_Results, list.m_Results) << "seed " << seed;
     }
-    EXPECT_EQ(traces.Count("Assert failed"), 0);
+    EXPECT_EQ(traces.Count("Assert failed"), 0u);
 }
 
 }  // namespace
