@@ -124,22 +124,27 @@ void CRtTimerQueueOrderedList::SiftUp_i(size_t aPos) {
     Place_i(aPos, entry);
 }
 
+size_t CRtTimerQueueOrderedList::EarliestChild_i(size_t aPos, size_t aSize) const {
+    size_t dwFirst = aPos * kArity + 1;
+    if (dwFirst >= aSize) {
+        return 0;  // a leaf: the root is never anyone's child
+    }
+    size_t dwLast = dwFirst + kArity < aSize ? dwFirst + kArity : aSize;
+    size_t dwBest = dwFirst;
+    for (size_t c = dwFirst + 1; c < dwLast; ++c) {
+        if (Before(m_Nodes[c], m_Nodes[dwBest])) {
+            dwBest = c;
+        }
+    }
+    return dwBest;
+}
+
 void CRtTimerQueueOrderedList::SiftDown_i(size_t aPos) {
     CHeapEntry entry = m_Nodes[aPos];
     const size_t dwSize = m_Nodes.size();
     for (;;) {
-        size_t dwFirst = aPos * kArity + 1;
-        if (dwFirst >= dwSize) {
-            break;
-        }
-        size_t dwLast = dwFirst + kArity < dwSize ? dwFirst + kArity : dwSize;
-        size_t dwBest = dwFirst;
-        for (size_t c = dwFirst + 1; c < dwLast; ++c) {
-            if (Before(m_Nodes[c], m_Nodes[dwBest])) {
-                dwBest = c;
-            }
-        }
-        if (!Before(m_Nodes[dwBest], entry)) {
+        size_t dwBest = EarliestChild_i(aPos, dwSize);
+        if (dwBest == 0 || !Before(m_Nodes[dwBest], entry)) {
             break;
         }
         Place_i(aPos, m_Nodes[dwBest]);
@@ -164,16 +169,9 @@ void CRtTimerQueueOrderedList::RemoveAt_i(size_t aPos) {
     // belongs near the bottom, so this saves a comparison per level.
     size_t dwHole = aPos;
     for (;;) {
-        size_t dwFirst = dwHole * kArity + 1;
-        if (dwFirst >= dwSize) {
+        size_t dwBest = EarliestChild_i(dwHole, dwSize);
+        if (dwBest == 0) {
             break;
-        }
-        size_t dwLast = dwFirst + kArity < dwSize ? dwFirst + kArity : dwSize;
-        size_t dwBest = dwFirst;
-        for (size_t c = dwFirst + 1; c < dwLast; ++c) {
-            if (Before(m_Nodes[c], m_Nodes[dwBest])) {
-                dwBest = c;
-            }
         }
         Place_i(dwHole, m_Nodes[dwBest]);
         dwHole = dwBest;

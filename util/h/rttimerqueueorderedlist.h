@@ -81,6 +81,9 @@ private:
         m_HeapPos[aEntry.m_dwSlot] = static_cast<uint32_t>(aPos);
     }
     void SiftUp_i(size_t aPos);
+    // The position of aPos's earliest child among the first aSize entries, or
+    // 0 when aPos is a leaf.
+    size_t EarliestChild_i(size_t aPos, size_t aSize) const;
     void SiftDown_i(size_t aPos);
     void RemoveAt_i(size_t aPos);  // heap position; frees the slot and its index entry
 
