@@ -332,33 +332,9 @@ void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
         FormatLine(line, CRtTimeValue::GetTimeOfDay(), m_pMasks[aLevel].name, aText ? aText : "");
     }
     rtos::DebugOutput(line);
+    WriteToFile_i(aLevel, line);
 
     rtos::SetLastError(savedError);
-}
-
-unsigned char CRtTrace::load(void* aArg) {
-    CRtMutexGuardT<CRtMutexThreadRecursive> guard(m_Lock);
-    if (!aArg && m_pLoadedFile) {
-        return 1;
-    }
-    read_config();
-    return 1;
-}
-
-void CRtTrace::read_config() {
-    CRtMutexGuardT<CRtMutexThreadRecursive> guard(m_Lock);
-}
-
-const char* CRtTrace::get_trace_dir() {
-    return "/tmp";
-}
-
-const char* CRtTrace::get_process_name() {
-    return "kvttrace";
-}
-
-const char* GetRtTraceFileName() {
-    return CRtTrace::instance()->getfilename();
 }
 
 void RtSetDebugOutputSink(RtDebugOutputSink aSink) {

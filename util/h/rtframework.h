@@ -6,6 +6,7 @@
 #include "rterror.h"
 #include "rttimevalue.h"
 #include "rttrace.h"
+#include "rtconfig.h"
 #include "rtdebug.h"
 #include "rtmutex.h"
 #include "rtconditionvariable.h"

@@ -3,10 +3,12 @@
 // trace through the macros of rtdebug.h and may install a sink for the lines.
 //
 // Thread rules: trace_string and the recorder may be used on any thread at any
-// time; trace_string takes no lock. load and read_config take the writer's lock.
+// time; trace_string takes no lock of the writer (the trace file takes its own
+// so that lines never interleave). load and read_config take the writer's lock.
 #ifndef RTTRACE_H
 #define RTTRACE_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "rtdefines.h"
@@ -16,6 +18,8 @@
 
 // One entry of a writer's level table; the tables are static and the trace
 // settings change their flags in place.
+class CRtTraceFile;
+
 struct CRtTraceMask {
     int level;
     const char* name;
@@ -82,19 +86,33 @@ public:
 
     // Stamps aText with the local time, process and thread ids and the level's
     // name, and sends the line to the debugger output. Never fails; no level is
-    // filtered. aLevel must be below the writer's table size.
+    // filtered there. The line also goes to the writer's trace file when the
+    // "Enable" setting and the level's enabled flag allow it. aLevel must be
+    // below the writer's table size.
     void trace_string(unsigned long aLevel, char* aText);
     const char* getfilename() { return m_szFileName; }
 
-    // Works out the trace directory and file name and reads the settings.
+    // Works out the trace directory and file name, creates the directory, and
+    // reads the settings. A writer without a fixed file name (the main one)
+    // also gets its trace file from the library's file registry. Returns 1.
     unsigned char load(void* aArg);
+    // Reads section "Trace" of the configuration file: FlushPerLines and the
+    // size limit (key: the process name) for every trace file, Enable, and
+    // "<process>.<level>" for each level's enabled flag.
     void read_config();
+    // The parent of the application data folder plus "/Corvanthics/logs", or
+    // "/tmp"; a buffer of the calling thread.
     const char* get_trace_dir();
+    // The executable's file name, or "kvttrace".
     const char* get_process_name();
 
 private:
     CRtTrace(const CRtTrace&) = delete;
     CRtTrace& operator=(const CRtTrace&) = delete;
+
+    // Hands a finished line to the trace file when its level goes there.
+    void WriteToFile_i(unsigned long aLevel, const char* aLine);
+    void UpdateFileLevels_l();
 
     char* m_pszName;
     unsigned long m_dwMaskCount;
@@ -106,6 +124,11 @@ private:
     uint32_t m_dwPid;
     char m_szFileName[512];
     CRtMutexThreadRecursive m_Lock;
+    // The trace file (owned by the file registry), and the levels written to
+    // it as of the last read_config: a bit per level below 64, set when Enable
+    // and the level's flag are. Both are read by trace_string without a lock.
+    std::atomic<CRtTraceFile*> m_pTraceFile{nullptr};
+    std::atomic<uint64_t> m_qwFileLevels{0};
 
     static CRtTrace* s_rtTrace;
     static CRtTrace* s_diagonseInstance;
