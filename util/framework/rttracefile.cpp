@@ -36,6 +36,7 @@ CRtTraceFile::CRtTraceFile(const char* aFileName, int aFlushPerLines, long aMaxS
       m_nLines(0),
       m_lMaxSize(aMaxSize),
       m_lWritePos(kHeaderSize),
+      m_lMarkerPos(-1),
       m_pos(0) {
     CRtMutexGuardT<CRtMutexThread> guard(m_Lock);
     if (IsOpen()) {
@@ -125,6 +126,8 @@ void CRtTraceFile::Flush_l() {
     if (m_dwOwnerPid == rtos::CurrentProcessId() &&
         rtos::FileWriteAt(m_hFile, static_cast<uint64_t>(m_lWritePos), m_Buffer.data(),
                           m_pos + kMarkerLen)) {
+        BlankOldMarker_l(m_lWritePos + static_cast<long>(m_pos + kMarkerLen));
+        m_lMarkerPos = m_lWritePos + static_cast<long>(m_pos);
         m_lWritePos += static_cast<long>(m_pos);
         // Writing line by line, the file wraps at once; a batching file only
         // records that it is full, and its next batch wraps.
@@ -135,6 +138,23 @@ void CRtTraceFile::Flush_l() {
     }
     m_pos = 0;
     m_nLines = 0;
+}
+
+void CRtTraceFile::BlankOldMarker_l(long aWrittenEnd) {
+    // After a wrap the previous marker still stands after the newest text; only
+    // one marker may say where the newest line ends. Blank what was not written over.
+    long from = m_lMarkerPos > aWrittenEnd ? m_lMarkerPos : aWrittenEnd;
+    long to = m_lMarkerPos + static_cast<long>(kMarkerLen);
+    if (m_lMarkerPos < 0 || from >= to) {
+        return;
+    }
+    char blank[kMarkerLen];
+    ::memset(blank, ' ', kMarkerLen - 2);
+    blank[kMarkerLen - 2] = '\n';
+    blank[kMarkerLen - 1] = '\n';
+    long skip = from - m_lMarkerPos;
+    rtos::FileWriteAt(m_hFile, static_cast<uint64_t>(from), blank + skip,
+                      static_cast<size_t>(to - from));
 }
 
 void CRtTraceFile::WriteHeader_l() {

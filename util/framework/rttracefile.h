@@ -13,7 +13,8 @@
 // Each flush writes its lines at the stored position followed by the marker,
 // then advances the position by the lines alone, so the next flush writes over
 // the marker. When the position reaches the size limit the next lines go right
-// after the header again.
+// after the header again, and the old marker is blanked, so there is always
+// exactly one.
 #ifndef RTTRACEFILE_H
 #define RTTRACEFILE_H
 
@@ -28,10 +29,10 @@
 // own lock keeps the bytes of two lines from interleaving.
 class RT_API CRtTraceFile {
 public:
-    static const unsigned long kHeaderSize = 32;
-    static const long kDefaultMaxSize = 52428800;
+    static constexpr unsigned long kHeaderSize = 32;
+    static constexpr long kDefaultMaxSize = 52428800;
     // FlushPerLines is held to this, so a configured count cannot exhaust memory.
-    static const int kMaxFlushPerLines = 10000;
+    static constexpr int kMaxFlushPerLines = 10000;
 
     // Creates (or empties) the file and writes its header. A file that cannot
     // be created is not an error: its lines are dropped.
@@ -62,6 +63,7 @@ private:
 
     void Flush_l();
     void WriteHeader_l();
+    void BlankOldMarker_l(long aWrittenEnd);
     void ResizeBuffer_l();
 
     CRtMutexThread m_Lock;
@@ -72,7 +74,8 @@ private:
     int m_nFlushFreq;
     int m_nLines;
     long m_lMaxSize;
-    long m_lWritePos;  // the header's value: where the next flush writes
+    long m_lWritePos;   // the header's value: where the next flush writes
+    long m_lMarkerPos;  // where the marker stands, -1 before the first flush
     // m_nFlushFreq * RTTRACE_MAX_TRACE_LEN + 1 bytes for lines, then room for
     // the marker so that a flush is one write.
     std::vector<char> m_Buffer;
