@@ -331,8 +331,8 @@ void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
     if (m_pszName && aLevel < m_dwMaskCount && m_pMasks[aLevel].name) {
         FormatLine(line, CRtTimeValue::GetTimeOfDay(), m_pMasks[aLevel].name, aText ? aText : "");
     }
-    rtos::DebugOutput(line);
     WriteToFile_i(aLevel, line);
+    rtos::DebugOutput(line);
 
     rtos::SetLastError(savedError);
 }

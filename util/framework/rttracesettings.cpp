@@ -114,6 +114,11 @@ void CRtTrace::WriteToFile_i(unsigned long aLevel, const char* aLine) {
         !((m_qwFileLevels.load(std::memory_order_relaxed) >> aLevel) & 1)) {
         return;
     }
+    // Past the registry's end at unload the file is gone; a writer made after
+    // Destroy (a late trace at exit) may still hold it.
+    if (!CRtTraceFileRegistry::Instance()) {
+        return;
+    }
     file->WriteLine(aLine, static_cast<unsigned long>(::strlen(aLine)));
 }
 
