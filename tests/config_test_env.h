@@ -5,6 +5,7 @@
 #ifndef TESTS_CONFIG_TEST_ENV_H
 #define TESTS_CONFIG_TEST_ENV_H
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -120,6 +121,18 @@ inline size_t CountOf(const std::string& aText, const std::string& aNeedle) {
     for (size_t at = aText.find(aNeedle); at != std::string::npos;
          at = aText.find(aNeedle, at + aNeedle.size())) {
         ++n;
+    }
+    return n;
+}
+
+// The number of open descriptors of this process.
+inline int OpenFdCount() {
+    int n = 0;
+    if (DIR* dir = ::opendir("/proc/self/fd")) {
+        while (::readdir(dir)) {
+            ++n;
+        }
+        ::closedir(dir);
     }
     return n;
 }

@@ -279,8 +279,9 @@ TEST(ConfigPaths, TheExecutableIsNamedByItsPath) {
     EXPECT_STREQ(get_process_name(), "test_config");
 }
 
-TEST_F(ConfigTest, ThreadsReadingAtOnceSeeTheSameValues) {
+TEST_F(ConfigTest, ThreadsReadingAtOnceSeeTheSameValuesAndLeaveNoDescriptor) {
     ASSERT_TRUE(Config("[Trace]\nFlushPerLines = 12\nEnable = true\n"));
+    const int fds = OpenFdCount();
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -298,6 +299,7 @@ TEST_F(ConfigTest, ThreadsReadingAtOnceSeeTheSameValues) {
         t.join();
     }
     EXPECT_EQ(wrong.load(), 0);
+    EXPECT_EQ(OpenFdCount(), fds);
 }
 
 }  // namespace

@@ -81,12 +81,14 @@ TEST_F(TraceFileTest, LinesAreWrittenFlushPerLinesAtATime) {
 }
 
 TEST_F(TraceFileTest, CollectedLinesAreWrittenWhenTheFileIsDestroyed) {
+    const int fds = OpenFdCount();
     {
         CRtTraceFile file(Name().c_str(), 10, CRtTraceFile::kDefaultMaxSize);
         file.WriteLine(Line(1).c_str(), 40);
         EXPECT_EQ(Contents(), Header(32));
     }
     EXPECT_EQ(Contents(), Header(72) + Line(1) + kMarker);
+    EXPECT_EQ(OpenFdCount(), fds);  // and the file is closed
 }
 
 TEST_F(TraceFileTest, ALineByLineFileWrapsAtOnceWhenFull) {
