@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,18 +18,24 @@
 namespace {
 
 // A folder of the benchmark's own, removed with its files at exit.
-const std::string& BenchDir() {
-    static const std::string s_dir = [] {
-        char tmpl[] = "/tmp/kvt_bench_trace_XXXXXX";
-        std::string dir = ::mkdtemp(tmpl) ? tmpl : "/tmp";
+char g_szBenchDir[] = "/tmp/kvt_bench_trace_XXXXXX";
+
+std::string BenchDir() {
+    // A plain array: it outlives the exit handler that removes the folder.
+    static const bool s_bMade = [] {
+        if (!::mkdtemp(g_szBenchDir)) {
+            ::strcpy(g_szBenchDir, "/tmp");
+            return false;
+        }
         ::atexit([] {
-            std::string cmd = "rm -rf '" + BenchDir() + "'";
+            std::string cmd = std::string("rm -rf '") + g_szBenchDir + "'";
             int rc = ::system(cmd.c_str());
             (void)rc;
         });
-        return dir;
+        return true;
     }();
-    return s_dir;
+    (void)s_bMade;
+    return g_szBenchDir;
 }
 
 const std::string kLine =

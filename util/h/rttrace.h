@@ -16,10 +16,10 @@
 
 #define RTTRACE_MAX_TRACE_LEN 1024
 
-// One entry of a writer's level table; the tables are static and the trace
-// settings change their flags in place.
 class CRtTraceFile;
 
+// One entry of a writer's level table; the tables are static and the trace
+// settings change their flags in place.
 struct CRtTraceMask {
     int level;
     const char* name;
