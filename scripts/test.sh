@@ -5,6 +5,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 builddir=$(bash scripts/build.sh | tail -n 1)
+# Trace files of the test processes go below the build directory, not into
+# the user's own trace folder.
+mkdir -p "$builddir/test-data/share"
+export XDG_DATA_HOME="$PWD/$builddir/test-data/share"
 args=(--test-dir "$builddir" --output-on-failure -j"$(nproc)")
 # The installed-library check links host programs without sanitizer runtimes.
 [ -n "${KVT_SANITIZE:-}" ] && args+=(-LE install)
