@@ -2,10 +2,11 @@
 //
 // One Pump per thread: an epoll set holding an eventfd (posted messages), a
 // timerfd (window timers) and the selected sockets, so an idle thread sleeps in
-// one epoll_wait. Messages wait in two lists: `m_shared`, where other threads
-// append under `m_lock`, and `m_batch`, the owner's working list, refilled from
-// `m_shared` in one swap and extended by socket readiness and the owner's own
-// posts without a lock.
+// one epoll_wait. Messages wait in three lists: `m_shared`, where other threads
+// append under `m_lock`; `m_own`, the owner's posts to itself, without a lock;
+// and `m_batch`, the owner's working list. Between batches the owner looks at
+// its timers and sockets (readiness joins the batch) and then moves both lists
+// into the batch, so no source can starve another.
 //
 // The process-wide Registry maps window handles and selected sockets to their
 // objects for the calls that any thread may make. Its reader-writer lock is
@@ -162,6 +163,7 @@ private:
 
     // Queue.
     void Wake();
+    void TakeOwn();
     void TakeShared(bool aWakeConsumed);
     void TakeFront(Message* aMsg);
     void Poll(int aTimeoutMs);
@@ -198,6 +200,7 @@ private:
     bool m_wakePending = false;  // guarded by m_lock: the eventfd was written and not yet read
 
     // Owner only from here on.
+    std::deque<Item> m_own;
     std::deque<Item> m_batch;
     bool m_quit = false;
     int m_quitCode = 0;

@@ -113,7 +113,7 @@ bool Pump::Post(const Message& aMsg) {
     if (t_pump == this) {
         // The owner needs no lock, and no wake-up while it is in a dispatch: it
         // takes messages again before it next waits.
-        m_batch.push_back(Item{aMsg, -1, 0});
+        m_own.push_back(Item{aMsg, -1, 0});
         if (m_dispatchDepth == 0) {
             Wake();
         }
@@ -149,6 +149,17 @@ void Pump::Wake() {
 }
 
 // ---- Taking messages ----------------------------------------------------------
+
+void Pump::TakeOwn() {
+    if (m_batch.empty()) {
+        m_batch.swap(m_own);
+        return;
+    }
+    for (const Item& item : m_own) {
+        m_batch.push_back(item);
+    }
+    m_own.clear();
+}
 
 void Pump::TakeShared(bool aWakeConsumed) {
     std::deque<Item> taken;
@@ -216,6 +227,7 @@ bool Pump::Next(Message* aMsg, bool aBlock) {
         if (!polled) {
             Poll(0);
         }
+        TakeOwn();
         TakeShared(false);
         if (!m_batch.empty()) {
             continue;
@@ -238,6 +250,7 @@ void Pump::PurgeWindow(uintptr_t aWnd) {
     const WindowHandle hwnd = HandleOf(aWnd);
     auto ofWindow = [hwnd](const Item& aItem) { return aItem.msg.hwnd == hwnd; };
     m_batch.erase(std::remove_if(m_batch.begin(), m_batch.end(), ofWindow), m_batch.end());
+    m_own.erase(std::remove_if(m_own.begin(), m_own.end(), ofWindow), m_own.end());
     std::lock_guard<std::mutex> lock(m_lock);
     m_shared.erase(std::remove_if(m_shared.begin(), m_shared.end(), ofWindow), m_shared.end());
 }
@@ -252,11 +265,13 @@ void Pump::PurgeSocket(const SocketEntry& aEntry, long aKeepEvents) {
 }
 
 intptr_t Pump::Dispatch(Window& aWnd, const Message& aMsg) {
+    struct Depth {
+        int& depth;
+        explicit Depth(int& aDepth) : depth(aDepth) { ++depth; }
+        ~Depth() { --depth; }
+    } inDispatch(m_dispatchDepth);
     const WindowProc proc = aWnd.proc;  // the window may be destroyed inside
-    ++m_dispatchDepth;
-    const intptr_t rv = proc(aMsg.hwnd, aMsg.message, aMsg.wParam, aMsg.lParam);
-    --m_dispatchDepth;
-    return rv;
+    return proc(aMsg.hwnd, aMsg.message, aMsg.wParam, aMsg.lParam);
 }
 
 }  // namespace pump
