@@ -159,7 +159,11 @@ RT_API bool WindowKillTimer(WindowHandle aWnd, uintptr_t aId);
 // its queued notifications. The rules:
 //   kFdConnect  once, when a connect completes, with its error if it failed
 //               (then nothing more); a connect that succeeds is followed by
-//               the first kFdWrite.
+//               the first kFdWrite. The pump learns of a connect from the
+//               socket's state: one that already succeeded when the socket
+//               is selected reads as an established connection (kFdWrite
+//               only; on loopback that can happen before connect returns),
+//               so select before connecting, as a connector should.
 //   kFdAccept   while connections wait to be accepted, one message at a time.
 //   kFdRead     while data waits, one message at a time.
 //   kFdWrite    when the socket first becomes writable, and again only after a
