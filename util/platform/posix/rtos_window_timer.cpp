@@ -99,10 +99,10 @@ void Pump::ArmTimer() {
     if (due == m_armedNs) {
         return;
     }
-    itimerspec spec{};  // all zero disarms
-    spec.it_value.tv_sec = static_cast<time_t>(due / 1000000000LL);
-    spec.it_value.tv_nsec = static_cast<long>(due % 1000000000LL);
-    if (::timerfd_settime(m_timerFd, TFD_TIMER_ABSTIME, &spec, nullptr) == 0) {
+    itimerspec when{};  // all zero disarms
+    when.it_value.tv_sec = static_cast<time_t>(due / 1000000000LL);
+    when.it_value.tv_nsec = static_cast<long>(due % 1000000000LL);
+    if (::timerfd_settime(m_timerFd, TFD_TIMER_ABSTIME, &when, nullptr) == 0) {
         m_armedNs = due;
     }
 }
