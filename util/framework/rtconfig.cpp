@@ -258,36 +258,36 @@ CRtString CRtConfigInitFile::GetStringParam(const CRtString& aSection, const CRt
     return value;
 }
 
-int CRtConfigInitFile::GetIntParam(const CRtString& aSection, const CRtString& aKey, int aDefault) {
+namespace {
+
+// Reads a key as a number; false when the key is missing or not a number.
+template <class Number>
+bool ReadNumber(const CRtString& aSection, const CRtString& aKey,
+                bool (*aScan)(const char*, Number&), Number& aNumber) {
     char value[kNumberBuffer];
+    return get_string_param(aSection.c_str(), aKey.c_str(), value, sizeof(value)) &&
+           aScan(value, aNumber);
+}
+
+}  // namespace
+
+int CRtConfigInitFile::GetIntParam(const CRtString& aSection, const CRtString& aKey, int aDefault) {
     long number = 0;
-    if (!get_string_param(aSection.c_str(), aKey.c_str(), value, sizeof(value)) ||
-        !ScanSigned(value, number)) {
-        return aDefault;
-    }
-    return static_cast<int>(number);
+    return ReadNumber(aSection, aKey, ScanSigned, number) ? static_cast<int>(number) : aDefault;
 }
 
 unsigned long CRtConfigInitFile::GetDwordParam(const CRtString& aSection, const CRtString& aKey,
                                                unsigned long aDefault) {
-    char value[kNumberBuffer];
     unsigned long number = 0;
-    if (!get_string_param(aSection.c_str(), aKey.c_str(), value, sizeof(value)) ||
-        !ScanUnsigned(value, number)) {
-        return aDefault;
-    }
-    return static_cast<unsigned int>(number);
+    return ReadNumber(aSection, aKey, ScanUnsigned, number) ? static_cast<unsigned int>(number)
+                                                            : aDefault;
 }
 
 unsigned short CRtConfigInitFile::GetWordParam(const CRtString& aSection, const CRtString& aKey,
                                                unsigned short aDefault) {
-    char value[kNumberBuffer];
     unsigned long number = 0;
-    if (!get_string_param(aSection.c_str(), aKey.c_str(), value, sizeof(value)) ||
-        !ScanUnsigned(value, number)) {
-        return aDefault;
-    }
-    return static_cast<unsigned short>(number);
+    return ReadNumber(aSection, aKey, ScanUnsigned, number) ? static_cast<unsigned short>(number)
+                                                            : aDefault;
 }
 
 int CRtConfigInitFile::GetBoolParam(const CRtString& aSection, const CRtString& aKey,
