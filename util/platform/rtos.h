@@ -32,6 +32,19 @@ struct CalendarTime {
 // Local calendar time of aSeconds since 1970-01-01 UTC.
 RT_API void LocalCalendarTime(int64_t aSeconds, CalendarTime& aOut);
 
+// The system's version, as GetVersionExA reports it. Platform ids: 1 for the
+// Windows 95/98/Me family, 2 for the NT family; POSIX systems report 2 with the
+// kernel's release numbers, so nothing takes them for Windows 95 or 98.
+constexpr uint32_t kPlatformWin9x = 1;
+constexpr uint32_t kPlatformNt = 2;
+struct OsVersion {
+    uint32_t platformId;
+    uint32_t major;
+    uint32_t minor;
+};
+// False, with the last error set, when the system cannot say.
+RT_API bool GetOsVersion(OsVersion& aOut);
+
 // The calling thread's last error (errno on POSIX).
 RT_API int LastError();
 RT_API void SetLastError(int aErr);

@@ -1,10 +1,13 @@
-// The platform layer's name resolution: the local host name and a blocking,
-// thread-safe lookup of IPv4 addresses, and the layout of a lookup's result as
-// a hostent in a caller's buffer (what gethostbyname and the asynchronous
-// lookups hand back on Windows). Building blocks of the library; hosts never
-// include this file.
+// The platform layer's name resolution: the local host name, a blocking,
+// thread-safe lookup of IPv4 addresses, the layout of a lookup's result as a
+// hostent in a caller's buffer (what gethostbyname and the asynchronous
+// lookups hand back on Windows), and asynchronous lookups answered to a window
+// (WSAAsyncGetHostByName). Building blocks of the library; hosts never include
+// this file.
 //
-// Thread rules: every function may be called from any thread; none keeps state.
+// Thread rules: every function may be called from any thread. Only the
+// asynchronous lookups keep state: a process-wide table of open requests and
+// a few lookup threads.
 #ifndef RTOSNET_H
 #define RTOSNET_H
 
@@ -14,6 +17,7 @@
 #include <vector>
 
 #include "rtexport.h"
+#include "rtoswindow.h"
 
 // The system's own type; declared here so that callers need no system header.
 struct hostent;
@@ -50,6 +54,44 @@ RT_API int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent
 
 // gethostbyname into a caller's buffer: LookupHostIPv4, then LayoutHostent.
 RT_API int GetHostByName(const char* aName, void* aBuf, size_t aLen, hostent** aHost);
+
+// Replaces the system lookup behind LookupHostIPv4, and so behind every lookup
+// of this layer, by aLookup (same contract); null restores the system's. For
+// tests that need made-up names, failures or lookups that never end.
+typedef int (*HostLookup)(const char* aName, HostInfo& aOut);
+RT_API void SetHostLookup(HostLookup aLookup);
+
+// ---- Asynchronous lookups -------------------------------------------------------
+
+// A request of AsyncGetHostByName; never 0, never reused within a process.
+typedef uintptr_t AsyncRequest;
+
+// The lParam of a completion: the error in the high word (0 on success, else a
+// lookup error above or ENOBUFS), the low word 0.
+constexpr intptr_t AsyncLookupLParam(int aError) {
+    return static_cast<intptr_t>((static_cast<uint32_t>(aError) & 0xFFFFu) << 16);
+}
+constexpr int AsyncLookupError(intptr_t aLParam) {
+    return static_cast<int>((aLParam >> 16) & 0xFFFF);
+}
+
+// Looks aName up on a lookup thread and answers to aWnd: the result is laid out
+// in aBuf as LayoutHostent does, then aMsg is posted with wParam = the request
+// and lParam = AsyncLookupLParam(error). The caller keeps aBuf (aLen bytes;
+// 1024 holds any answer the library needs) alive and untouched until the
+// completion arrives or AsyncCancel succeeds; aName is copied. A window that is
+// gone by then simply gets nothing. Requests beyond the few lookup threads wait
+// their turn, so a lookup that never ends delays later ones but blocks no caller
+// and no process exit. Returns the request, or 0 with EINVAL (null name, buffer
+// or window) or EAGAIN (no lookup thread could be started) as the last error.
+RT_API AsyncRequest AsyncGetHostByName(WindowHandle aWnd, uint32_t aMsg, const char* aName,
+                                       void* aBuf, size_t aLen);
+
+// Withdraws a request (WSACancelAsyncRequest). On true no completion is posted
+// for it and its buffer is no longer written: the caller may free it at once.
+// False with EINVAL when the request is unknown or has already completed (its
+// completion is then posted, or was dropped for a window that is gone).
+RT_API bool AsyncCancel(AsyncRequest aRequest);
 
 }  // namespace rtos
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 #include "rtosnet.h"
@@ -35,27 +36,7 @@ int MapLookupError(int aEai) {
     }
 }
 
-}  // namespace
-
-int GetHostName(char* aBuf, size_t aLen) {
-    if (!aBuf || aLen == 0) {
-        return EINVAL;
-    }
-    if (::gethostname(aBuf, aLen) != 0) {
-        int err = errno;
-        aBuf[0] = '\0';
-        return err;
-    }
-    // POSIX leaves a truncated name unterminated.
-    aBuf[aLen - 1] = '\0';
-    return 0;
-}
-
-int LookupHostIPv4(const char* aName, HostInfo& aOut) {
-    aOut = HostInfo();
-    if (!aName || !*aName) {
-        return kHostNotFound;
-    }
+int SystemLookup(const char* aName, HostInfo& aOut) {
     struct addrinfo hints;
     ::memset(&hints, 0, sizeof(hints));
     hints.ai_family = AF_INET;
@@ -91,6 +72,37 @@ int LookupHostIPv4(const char* aName, HostInfo& aOut) {
         aOut.aliases.push_back(aName);
     }
     return 0;
+}
+
+std::atomic<HostLookup> g_lookup{nullptr};
+
+}  // namespace
+
+void SetHostLookup(HostLookup aLookup) {
+    g_lookup.store(aLookup, std::memory_order_release);
+}
+
+int GetHostName(char* aBuf, size_t aLen) {
+    if (!aBuf || aLen == 0) {
+        return EINVAL;
+    }
+    if (::gethostname(aBuf, aLen) != 0) {
+        int err = errno;
+        aBuf[0] = '\0';
+        return err;
+    }
+    // POSIX leaves a truncated name unterminated.
+    aBuf[aLen - 1] = '\0';
+    return 0;
+}
+
+int LookupHostIPv4(const char* aName, HostInfo& aOut) {
+    aOut = HostInfo();
+    if (!aName || !*aName) {
+        return kHostNotFound;
+    }
+    HostLookup lookup = g_lookup.load(std::memory_order_acquire);
+    return lookup ? lookup(aName, aOut) : SystemLookup(aName, aOut);
 }
 
 int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent** aHost) {

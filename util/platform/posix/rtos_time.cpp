@@ -2,10 +2,12 @@
 #include <errno.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 
 #include "rtos.h"
 
@@ -82,6 +84,21 @@ void LocalCalendarTime(int64_t aSeconds, CalendarTime& aOut) {
     aOut.hour = tmv.tm_hour;
     aOut.minute = tmv.tm_min;
     aOut.second = tmv.tm_sec;
+}
+
+bool GetOsVersion(OsVersion& aOut) {
+    aOut = OsVersion{kPlatformNt, 0, 0};
+    struct utsname name;
+    if (::uname(&name) != 0) {
+        return false;
+    }
+    // "6.8.0-45-generic": the first two numbers.
+    char* end = nullptr;
+    aOut.major = static_cast<uint32_t>(::strtoul(name.release, &end, 10));
+    if (end && *end == '.') {
+        aOut.minor = static_cast<uint32_t>(::strtoul(end + 1, nullptr, 10));
+    }
+    return true;
 }
 
 int LastError() {

@@ -1,0 +1,347 @@
+// Asynchronous lookups answered to a window (rtosnet.h): the answer and its
+// buffer, errors, cancellation on either side of the completion, many requests
+// at once, a window that goes away first, and a lookup that never ends.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rtos.h"
+#include "rtosnet.h"
+#include "rtoswindow.h"
+
+namespace {
+
+constexpr const char* kClass = "AsyncLookupTestWindow";
+constexpr uint32_t kMsgDone = rtos::kWmUser + 133;
+constexpr uint32_t kMsgMarker = rtos::kWmUser + 1;
+constexpr uint32_t kMsgDestroy = rtos::kWmUser + 2;
+constexpr uint32_t kMsgQuit = rtos::kWmUser + 3;
+constexpr size_t kBufLen = 1024;
+
+struct Completion {
+    uint32_t msg;
+    uintptr_t request;
+    int error;
+    uint32_t tid;
+};
+
+// A thread with one window and a message loop; records what the window sees.
+class WindowThread {
+public:
+    WindowThread() {
+        static const bool s_registered = rtos::WindowClassRegister(kClass, &Proc, 4);
+        EXPECT_TRUE(s_registered);
+        std::promise<void> ready;
+        m_thread = std::thread([this, &ready] {
+            m_tid = rtos::CurrentThreadId();
+            m_wnd = rtos::WindowCreate(kClass);
+            rtos::WindowSetLong(m_wnd, 0, reinterpret_cast<intptr_t>(this));
+            ready.set_value();
+            rtos::Message msg;
+            while (rtos::MessageGet(&msg) > 0) {
+                rtos::MessageDispatch(&msg);
+            }
+        });
+        ready.get_future().wait();
+    }
+    ~WindowThread() {
+        // A second window outlives a destroyed first one, to carry the quit.
+        rtos::WindowPostMessage(m_wnd, kMsgQuit, 0, 0);
+        if (m_spare) {
+            rtos::WindowPostMessage(m_spare, kMsgQuit, 0, 0);
+        }
+        m_thread.join();
+    }
+
+    rtos::WindowHandle Wnd() const { return m_wnd; }
+    uint32_t Tid() const { return m_tid; }
+
+    // Destroys the window on its thread; a spare window keeps the loop reachable.
+    void DestroyWindow() {
+        rtos::WindowPostMessage(m_wnd, kMsgDestroy, 0, 0);
+        ASSERT_TRUE(WaitFor(kMsgDestroy, 1));
+    }
+    // Waits until everything posted to the thread before now was handled.
+    bool Flush() {
+        rtos::WindowPostMessage(m_spare ? m_spare : m_wnd, kMsgMarker, 0, 0);
+        return WaitFor(kMsgMarker, ++m_markers);
+    }
+
+    bool WaitFor(uint32_t aMsg, size_t aCount) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_cond.wait_for(lock, std::chrono::seconds(20),
+                               [&] { return CountOf_l(aMsg) >= aCount; });
+    }
+    std::vector<Completion> Lookups() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        std::vector<Completion> out;
+        for (const Completion& c : m_seen) {
+            if (c.msg == kMsgDone) {
+                out.push_back(c);
+            }
+        }
+        return out;
+    }
+
+private:
+    static intptr_t Proc(rtos::WindowHandle aWnd, uint32_t aMsg, uintptr_t aWParam,
+                         intptr_t aLParam) {
+        auto* self = reinterpret_cast<WindowThread*>(rtos::WindowGetLong(aWnd, 0));
+        if (!self || aMsg == rtos::kWmDestroy) {
+            return 0;
+        }
+        if (aMsg == kMsgQuit) {
+            rtos::MessagePostQuit(0);
+        } else if (aMsg == kMsgDestroy) {
+            self->m_spare = rtos::WindowCreate(kClass);
+            rtos::WindowSetLong(self->m_spare, 0, reinterpret_cast<intptr_t>(self));
+            rtos::WindowDestroy(aWnd);
+        }
+        std::lock_guard<std::mutex> lock(self->m_lock);
+        self->m_seen.push_back(
+            Completion{aMsg, aWParam, rtos::AsyncLookupError(aLParam), rtos::CurrentThreadId()});
+        self->m_cond.notify_all();
+        return 0;
+    }
+    size_t CountOf_l(uint32_t aMsg) const {
+        size_t n = 0;
+        for (const Completion& c : m_seen) {
+            n += c.msg == aMsg;
+        }
+        return n;
+    }
+
+    std::thread m_thread;
+    rtos::WindowHandle m_wnd = nullptr;
+    rtos::WindowHandle m_spare = nullptr;  // loop thread only, until join
+    uint32_t m_tid = 0;
+    size_t m_markers = 0;
+    std::mutex m_lock;
+    std::condition_variable m_cond;
+    std::vector<Completion> m_seen;
+};
+
+// Made-up names: "gate.test" waits until the gate opens, "hang.test" never ends.
+struct Gate {
+    std::mutex lock;
+    std::condition_variable cond;
+    bool open = false;
+    int finished = 0;
+};
+Gate& TheGate() {
+    static Gate* s_gate = new Gate;  // a hung lookup thread may outlive the test
+    return *s_gate;
+}
+
+int FakeLookup(const char* aName, rtos::HostInfo& aOut) {
+    if (std::strcmp(aName, "hang.test") == 0) {
+        for (;;) {
+            ::sleep(3600);
+        }
+    }
+    if (std::strcmp(aName, "gate.test") == 0) {
+        Gate& gate = TheGate();
+        std::unique_lock<std::mutex> lock(gate.lock);
+        gate.cond.wait(lock, [&] { return gate.open; });
+        ++gate.finished;
+        gate.cond.notify_all();
+    }
+    aOut.name = aName;
+    aOut.addrs.push_back(htonl(0x0A000001));  // 10.0.0.1
+    return 0;
+}
+
+void OpenGateAndWaitForLookups(int aCount) {
+    Gate& gate = TheGate();
+    std::unique_lock<std::mutex> lock(gate.lock);
+    gate.open = true;
+    gate.cond.notify_all();
+    ASSERT_TRUE(gate.cond.wait_for(lock, std::chrono::seconds(20),
+                                   [&] { return gate.finished >= aCount; }));
+}
+
+uint32_t FirstAddress(const void* aBuf) {
+    const hostent* host = static_cast<const hostent*>(aBuf);
+    return *reinterpret_cast<const uint32_t*>(host->h_addr_list[0]);
+}
+
+class AsyncLookup : public ::testing::Test {
+protected:
+    void TearDown() override { rtos::SetHostLookup(nullptr); }
+};
+
+}  // namespace
+
+TEST_F(AsyncLookup, AnswersEachRequestOnTheWindowThreadWithItsErrorAndHostent) {
+    struct Case {
+        const char* name;
+        size_t len;
+        bool ok;
+        int error;  // when not ok; 0 means "any non-zero"
+    };
+    const Case cases[] = {
+        {"localhost", kBufLen, true, 0},
+        {"127.0.0.1", kBufLen, true, 0},
+        {"no-such-host.invalid", kBufLen, false, 0},
+        {"localhost", 8, false, ENOBUFS},
+    };
+    WindowThread win;
+    std::vector<std::vector<char>> bufs;
+    std::vector<rtos::AsyncRequest> ids;
+    for (const Case& c : cases) {
+        bufs.emplace_back(c.len, '\0');
+        ids.push_back(
+            rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, c.name, bufs.back().data(), c.len));
+        ASSERT_NE(ids.back(), 0u) << c.name;
+    }
+    ASSERT_TRUE(win.WaitFor(kMsgDone, std::size(cases)));
+    const std::vector<Completion> done = win.Lookups();
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(cases[i].name);
+        auto it = std::find_if(done.begin(), done.end(),
+                               [&](const Completion& c) { return c.request == ids[i]; });
+        ASSERT_NE(it, done.end());
+        EXPECT_EQ(it->tid, win.Tid());
+        if (cases[i].ok) {
+            EXPECT_EQ(it->error, 0);
+            EXPECT_EQ(FirstAddress(bufs[i].data()), htonl(INADDR_LOOPBACK));
+        } else if (cases[i].error) {
+            EXPECT_EQ(it->error, cases[i].error);
+        } else {
+            EXPECT_NE(it->error, 0);
+        }
+        // Once completed, the request is gone.
+        errno = 0;
+        EXPECT_FALSE(rtos::AsyncCancel(ids[i]));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(done.size(), std::size(cases));
+}
+
+TEST_F(AsyncLookup, RefusesMissingArgumentsAndUnknownRequests) {
+    WindowThread win;
+    char buf[kBufLen];
+    EXPECT_EQ(rtos::AsyncGetHostByName(nullptr, kMsgDone, "localhost", buf, sizeof buf), 0u);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, nullptr, buf, sizeof buf), 0u);
+    EXPECT_EQ(rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, "localhost", nullptr, 0), 0u);
+    EXPECT_FALSE(rtos::AsyncCancel(0));
+    EXPECT_FALSE(rtos::AsyncCancel(~uintptr_t(0)));
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(AsyncLookup, ACancelledRequestNeverAnswersNorWritesItsBuffer) {
+    rtos::SetHostLookup(&FakeLookup);
+    WindowThread win;
+    // Running requests (the gate holds them) and waiting ones (behind them).
+    constexpr int kRequests = 8;
+    std::vector<std::unique_ptr<char[]>> bufs;
+    std::vector<rtos::AsyncRequest> ids;
+    for (int i = 0; i < kRequests; ++i) {
+        bufs.emplace_back(new char[kBufLen]());
+        ids.push_back(
+            rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, "gate.test", bufs.back().get(), kBufLen));
+        ASSERT_NE(ids.back(), 0u);
+    }
+    for (int i = 0; i < kRequests; i += 2) {
+        ASSERT_TRUE(rtos::AsyncCancel(ids[i]));
+        EXPECT_FALSE(rtos::AsyncCancel(ids[i]));
+        bufs[i].reset();  // ASan reports a late write into it
+    }
+    OpenGateAndWaitForLookups(kRequests / 2);
+    ASSERT_TRUE(win.WaitFor(kMsgDone, kRequests / 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(win.Flush());
+    std::set<uintptr_t> answered;
+    for (const Completion& c : win.Lookups()) {
+        EXPECT_TRUE(answered.insert(c.request).second) << "answered twice";
+    }
+    for (int i = 0; i < kRequests; ++i) {
+        EXPECT_EQ(answered.count(ids[i]), i % 2 ? 1u : 0u) << i;
+    }
+}
+
+TEST_F(AsyncLookup, ManyRequestsAtOnceAreEachAnsweredOnce) {
+    WindowThread win;
+    constexpr int kRequests = 64;
+    std::vector<std::vector<char>> bufs(kRequests, std::vector<char>(kBufLen));
+    std::vector<rtos::AsyncRequest> ids;
+    std::vector<std::thread> callers;
+    std::mutex idLock;
+    for (int t = 0; t < 4; ++t) {
+        callers.emplace_back([&, t] {
+            for (int i = t; i < kRequests; i += 4) {
+                const char* name = i % 3 ? "localhost" : "no-such-host.invalid";
+                rtos::AsyncRequest id =
+                    rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, name, bufs[i].data(), kBufLen);
+                std::lock_guard<std::mutex> lock(idLock);
+                ids.push_back(id);
+            }
+        });
+    }
+    for (std::thread& t : callers) {
+        t.join();
+    }
+    ASSERT_TRUE(win.WaitFor(kMsgDone, kRequests));
+    ASSERT_TRUE(win.Flush());
+    const std::set<uintptr_t> issued(ids.begin(), ids.end());
+    EXPECT_EQ(issued.size(), size_t(kRequests));
+    EXPECT_EQ(issued.count(0), 0u);
+    std::set<uintptr_t> answered;
+    for (const Completion& c : win.Lookups()) {
+        EXPECT_TRUE(answered.insert(c.request).second);
+    }
+    EXPECT_EQ(answered, issued);
+}
+
+TEST_F(AsyncLookup, AWindowGoneBeforeTheAnswerGetsNothing) {
+    rtos::SetHostLookup(&FakeLookup);
+    WindowThread win;
+    std::vector<char> buf(kBufLen);
+    ASSERT_NE(rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, "gate.test", buf.data(), kBufLen), 0u);
+    win.DestroyWindow();
+    OpenGateAndWaitForLookups(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(win.Flush());
+    EXPECT_TRUE(win.Lookups().empty());
+}
+
+TEST_F(AsyncLookup, ALookupThatNeverEndsBlocksNeitherCallersNorOtherLookupsNorExit) {
+    rtos::SetHostLookup(&FakeLookup);
+    WindowThread win;
+    std::vector<char> hung(kBufLen);
+    rtos::AsyncRequest id =
+        rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, "hang.test", hung.data(), kBufLen);
+    ASSERT_NE(id, 0u);
+    std::vector<char> buf(kBufLen);
+    rtos::AsyncRequest next =
+        rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, "other.test", buf.data(), kBufLen);
+    ASSERT_TRUE(win.WaitFor(kMsgDone, 1));
+    EXPECT_EQ(win.Lookups()[0].request, next);
+    EXPECT_EQ(FirstAddress(buf.data()), htonl(0x0A000001));
+    EXPECT_TRUE(rtos::AsyncCancel(id));
+    // The test process then ends with that lookup thread still stuck.
+}
+
+TEST(OsVersion, IsNeverTakenForWindows95Or98) {
+    rtos::OsVersion version{};
+    ASSERT_TRUE(rtos::GetOsVersion(version));
+    EXPECT_EQ(version.platformId, rtos::kPlatformNt);
+    EXPECT_GT(version.major, 0u);
+}
