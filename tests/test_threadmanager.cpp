@@ -30,7 +30,12 @@ TEST(ThreadManager, InstanceAdoptsTheFirstCallerAsTheMainThreadOnce) {
     EXPECT_EQ(manager->GetThread(CRtThreadManager::TT_CURRENT), main);
     EXPECT_TRUE(CRtThreadManager::IsEqualCurrentThread(int(CRtThreadManager::TT_MAIN)));
     EXPECT_NE(manager->GetThreadEventQueue(CRtThreadManager::TT_MAIN), nullptr);
-    EXPECT_EQ(manager->GetThreadReactor(CRtThreadManager::TT_MAIN), nullptr);
+    EXPECT_NE(manager->GetThreadReactor(CRtThreadManager::TT_MAIN), nullptr);
+    CRtThread* network = manager->GetThread(CRtThreadManager::TT_NETWORK);
+    ASSERT_TRUE(network);
+    EXPECT_NE(network->GetThreadId(), main->GetThreadId());
+    EXPECT_EQ(manager->GetThreadTimerQueue(CRtThreadManager::TT_NETWORK),
+              static_cast<IRtTimerQueue*>(network->GetReactor()));
 
     TraceCapture trace;
     EXPECT_EQ(manager->InitMainThread(0, nullptr), RT_ERROR_ALREADY_INITIALIZED);
@@ -42,9 +47,8 @@ TEST(ThreadManager, InstanceAdoptsTheFirstCallerAsTheMainThreadOnce) {
     EXPECT_EQ(queue->SendEvent(new FnEvent([] { return RT_ERROR_FOUND; })), RT_ERROR_FOUND);
     std::atomic<int> ran{0};
     queue->PostEvent(new FnEvent([&] { return ran++, RT_OK; }));
-    queue->PostEvent(CRtSignalStop::Instance());
-    main->OnThreadRun();  // returns once the stop signal has run
-    EXPECT_EQ(ran.load(), 1);
+    EXPECT_EQ(ran.load(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return RtProcessMainLoopPending(), ran.load() == 1; }));
 }
 
 TEST(ThreadManager, LooksThreadsUpByTypeAndByTheCallingThread) {

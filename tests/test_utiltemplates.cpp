@@ -124,8 +124,9 @@ TEST(SignalStop, FailsWithoutAMainThread) {
 TEST(SignalStop, StopsTheMainThreadsLoop) {
     CRtThreadManager* manager = CRtThreadManager::Instance();
     ASSERT_TRUE(manager);
-    CRtThread* main = manager->GetThread(CRtThreadManager::TT_MAIN);
     EXPECT_EQ(CRtSignalStop::Instance()->Launch(15), RT_OK);
-    main->OnThreadRun();  // returns: the stop is queued
-    EXPECT_EQ(CRtSignalStop::Instance()->Launch(15), RT_ERROR_NOT_INITIALIZED);
+    EXPECT_EQ(RtRunMainLoop(), RT_OK);  // returns: the stop came first
+    // A stopped main thread takes no more work.
+    IRtEventQueue* queue = manager->GetThreadEventQueue(CRtThreadManager::TT_MAIN);
+    EXPECT_EQ(queue->PostEvent(CRtSignalStop::Instance()), RT_ERROR_NOT_INITIALIZED);
 }

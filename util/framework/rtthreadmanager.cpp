@@ -7,7 +7,9 @@
 
 #include "rtdebug.h"
 #include "rtos.h"
+#include "rtreactorwin32message.h"
 #include "rtthread.h"
+#include "rtthreadreactor.h"
 #include "rtthreadtask.h"
 #include "rtutiltemplates.h"
 
@@ -71,6 +73,20 @@ CRtThreadManager::~CRtThreadManager() {
         pThread->Destory(0);
     }
 
+    uint16_t atom = CRtReactorWin32Message::RegisteredClassAtom();
+    if (atom != 0) {
+        if (RT_FAILED(CRtReactorWin32Message::UnregisterWindowClass())) {
+            RT_INFO_TRACE(
+                "CRtThreadManager::~CRtThreadManager, UnregisterClass() failed! "
+                "g_atomRegisterClass="
+                << atom << " g_pReactorWin3Instance=" << static_cast<void*>(nullptr)
+                << " err=" << rtos::LastError());
+        } else {
+            RT_INFO_TRACE("CRtThreadManager::~CRtThreadManager, g_atomRegisterClass="
+                          << atom << " g_pReactorWin3Instance=" << static_cast<void*>(nullptr));
+        }
+    }
+
     CRtThreadManager* self = this;
     s_pThreadManagerOnlyOne.compare_exchange_strong(self, nullptr);
     m_pNetworkThread = nullptr;
@@ -94,18 +110,65 @@ int CRtThreadManager::InitMainThread(int aArgc, char** aArgv) {
         }
     }
 
-    // Until a reactor can drive the main thread, a timer task thread object
-    // stands for it; the host runs its loop.
-    CRtThread* pMain = new (std::nothrow) CRtThreadTask();
-    if (!pMain) {
-        return RT_ERROR_OUT_OF_MEMORY;
+    IRtReactor* pReactor = new (std::nothrow) CRtReactorWin32Message();
+    CRtThread* pMain = nullptr;
+    int rv = RT_OK;
+    if (pReactor) {
+        rv = CreateReactorThread(TT_MAIN, pReactor, pMain);
+    } else {
+        pMain = new (std::nothrow) CRtThreadTask();
+        rv = pMain ? pMain->Create(TT_MAIN, TF_JOINABLE) : RT_ERROR_OUT_OF_MEMORY;
     }
-    int rv = pMain->Create(TT_MAIN, TF_JOINABLE);
     if (RT_FAILED(rv)) {
-        pMain->Destory(rv);
+        if (pMain) {
+            pMain->Destory(rv);
+        }
         return rv;
     }
+
+    if (RT_FAILED(SpawnNetworkThread_i())) {
+        pMain->Destory(0);
+        return RT_ERROR_UNEXPECTED;
+    }
+    // A main reactor thread opened its reactor in Create; a main task thread
+    // sets up its queues here.
     pMain->OnThreadInit();
+    return RT_OK;
+}
+
+int CRtThreadManager::SpawnNetworkThread_i() {
+    if (m_pNetworkThread) {
+        return RT_OK;
+    }
+    return CreateReactorThread(TT_NETWORK, CreateNetworkReactor(), m_pNetworkThread);
+}
+
+IRtReactor* CRtThreadManager::CreateNetworkReactor() {
+    return new (std::nothrow) CRtReactorWin32AsyncSelect();
+}
+
+int CRtThreadManager::CreateReactorThread(int aType, IRtReactor* aReactor, CRtThread*& aThread) {
+    RT_ASSERTE_RETURN(aReactor, RT_ERROR_INVALID_ARG);
+    RT_ASSERTE(!aThread);
+
+    CRtThreadReactor* pThread = new (std::nothrow) CRtThreadReactor();
+    if (!pThread) {
+        delete aReactor;
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
+    int rv = pThread->Init(aReactor);
+    if (RT_FAILED(rv)) {
+        // Not taken over: the reactor goes with the failed call.
+        delete aReactor;
+        pThread->Destory(rv);
+        return rv;
+    }
+    rv = pThread->Create(aType, TF_JOINABLE);
+    if (RT_FAILED(rv)) {
+        pThread->Destory(rv);
+        return rv;
+    }
+    aThread = pThread;
     return RT_OK;
 }
 

@@ -106,18 +106,18 @@ CRtStopFlag::CRtStopFlag() : m_bStoppedFlag(1) {}
 
 int CRtStopFlag::IsFlagStopped() const {
     m_Est.EnsureSingleThread();
-    return m_bStoppedFlag;
+    return m_bStoppedFlag.load(std::memory_order_relaxed);
 }
 
 void CRtStopFlag::SetStartFlag() {
     m_Est.EnsureSingleThread();
     RT_ASSERTE(m_bStoppedFlag);
-    m_bStoppedFlag = 0;
+    m_bStoppedFlag.store(0, std::memory_order_relaxed);
 }
 
 void CRtStopFlag::SetStopFlag() {
     m_Est.EnsureSingleThread();
-    m_bStoppedFlag = 1;
+    m_bStoppedFlag.store(1, std::memory_order_relaxed);
 }
 
 // ---- CRtSignalStop -----------------------------------------------------------

@@ -22,5 +22,10 @@
 #include "rtthreadmanager.h"
 #include "rtthread.h"
 #include "rtthreadtask.h"
+#include "rtreactorinterface.h"
+#include "rtreactorbase.h"
+#include "rtreactorwin32message.h"
+#include "rtthreadreactor.h"
+#include "rtmainloop.h"
 
 #endif  // RTFRAMEWORK_H

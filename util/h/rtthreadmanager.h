@@ -56,12 +56,24 @@ public:
     // The single manager; the first call creates it and adopts the calling
     // thread as the main thread. Null if that initialisation fails.
     static CRtThreadManager* Instance();
+    // The manager if there is one; never creates it (any thread).
+    static CRtThreadManager* InstanceIfAny() {
+        return s_pThreadManagerOnlyOne.load(std::memory_order_acquire);
+    }
     // Run by the exit list: deletes a manager that Instance() created.
     static void CleanupOnlyOne();
 
-    // Adopts the calling thread as the main thread (TT_MAIN). Must come before
-    // any other thread is created. The arguments are not used.
+    // Adopts the calling thread as the main thread (TT_MAIN, driven by a
+    // window-message reactor that the host pumps) and starts the network
+    // thread (TT_NETWORK). Must come before any other thread is created. The
+    // arguments are not used.
     int InitMainThread(int aArgc, char** aArgv);
+
+    // Creates a thread whose loop is aReactor (which it takes over, also on
+    // failure) and registers it under aType; TT_MAIN adopts the caller.
+    int CreateReactorThread(int aType, IRtReactor* aReactor, CRtThread*& aThread);
+    // A new socket-capable reactor, owned by the caller; null without memory.
+    static IRtReactor* CreateNetworkReactor();
 
     // Creates and starts a task thread with the next user type (1001 and up).
     // aThread receives it; the caller ends it with Stop, Join and Destory
@@ -107,6 +119,7 @@ private:
 
     // Checks that the caller may stop or join all threads; copies the registry.
     int CopyThreadsFromMain_i(ThreadsType& aThreads);
+    int SpawnNetworkThread_i();
 
     CRtMutexThreadRecursive m_SingletonMutex;
     CRtMutexThread m_ReferenceControlMutex;

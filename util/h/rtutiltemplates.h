@@ -116,8 +116,10 @@ private:
 };
 
 // The stop flag of an event loop: stopped until the loop starts, tested on
-// every pass, set to end it. Owner thread only; the loop rebinds m_Est with
-// Reset2CurrentThreadId when it starts on a new thread.
+// every pass, set to end it. The operations belong to the owner thread; the
+// loop rebinds m_Est with Reset2CurrentThreadId when it starts on a new thread.
+// A reactor's stop stores m_bStoppedFlag directly from any thread, which is why
+// the flag is atomic.
 class RT_API CRtStopFlag {
 public:
     CRtStopFlag();
@@ -127,9 +129,7 @@ public:
     void SetStopFlag();
 
     CRtEnsureSingleThread m_Est;
-
-private:
-    int m_bStoppedFlag;
+    std::atomic<int> m_bStoppedFlag;
 };
 
 // Stops the main thread, now (Launch) or as an event run on some thread. The

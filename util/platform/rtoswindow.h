@@ -81,11 +81,11 @@ constexpr int SelectError(intptr_t aLParam) {
 
 // ---- Window classes and windows ---------------------------------------------
 
-// Registers a class for the whole process. aWndExtra bytes are rounded up to
-// whole pointer-sized slots, so a class that asks for 4 bytes (a pointer on
-// 32-bit Windows) holds a pointer at index 0. False with EEXIST if the name is
-// taken, EINVAL for a null name or procedure or a negative size.
-RT_API bool WindowClassRegister(const char* aName, WindowProc aProc, int aWndExtra);
+// Registers a class for the whole process and returns its atom. aWndExtra bytes
+// are rounded up to whole pointer-sized slots, so a class that asks for 4 bytes
+// (a pointer on 32-bit Windows) holds a pointer at index 0. 0 with EEXIST if
+// the name is taken, EINVAL for a null name or procedure or a negative size.
+RT_API uint16_t WindowClassRegister(const char* aName, WindowProc aProc, int aWndExtra);
 // False with ENOENT if not registered, EBUSY while windows of the class exist.
 RT_API bool WindowClassUnregister(const char* aName);
 
@@ -179,6 +179,9 @@ RT_API int SocketAsyncSelect(int aSocket, WindowHandle aWnd, uint32_t aMsg, long
 // is reported again when room comes back. Any thread; does nothing for a socket
 // that is not selected for kFdWrite.
 RT_API void SocketSendWouldBlock(int aSocket);
+// The bytes waiting to be read on a socket (ioctlsocket FIONREAD). 0, or -1
+// with the error in the last error.
+RT_API int SocketReadableBytes(int aSocket, unsigned long* aCount);
 
 }  // namespace rtos
 

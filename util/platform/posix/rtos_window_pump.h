@@ -41,6 +41,7 @@ struct WindowClass {
     WindowProc proc = nullptr;
     int slots = 0;    // pointer-sized extra slots
     int windows = 0;  // live windows of the class
+    uint16_t atom = 0;
 };
 
 // Owned by its pump; reachable from other threads through the registry.
@@ -116,6 +117,7 @@ struct Registry {
 
     std::mutex classLock;
     std::map<std::string, WindowClass> classes;
+    uint16_t nextAtom = 0xC000;  // under classLock; 0 once exhausted
 
     // Never destroyed: threads still running at exit may post.
     static Registry& Get();

@@ -3,10 +3,12 @@
 #include <errno.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <new>
 
 #include "rtos_window_pump.h"
@@ -23,6 +25,23 @@ struct PumpReleaser {
     ~PumpReleaser() { Pump::CloseCurrent(); }
 };
 thread_local PumpReleaser t_releaser;
+
+// The main thread's pump outlives its thread-local objects: exit() destroys
+// those before it runs the exit list, where the library closes the main
+// thread's windows. It is released at the end of that list instead.
+Pump* s_mainPump = nullptr;
+
+void ReleaseMainPump() {
+    // Only the main thread may release its pump; an exit from another thread
+    // leaves it to the process's end, since the main thread may still use it.
+    if (t_pump && t_pump == s_mainPump) {
+        Pump::CloseCurrent();
+    }
+}
+
+bool IsProcessMainThread() {
+    return static_cast<pid_t>(::syscall(SYS_gettid)) == ::getpid();
+}
 
 void CloseFd(int& aFd) {
     if (aFd >= 0) {
@@ -64,8 +83,15 @@ Pump* Pump::Ensure() {
         errno = err;
         return nullptr;
     }
-    PumpReleaser& releaser = t_releaser;
-    static_cast<void>(releaser);
+    if (IsProcessMainThread()) {
+        // Registered before any exit handler of the library that may need it.
+        static const bool s_registered = ::atexit(&ReleaseMainPump) == 0;
+        static_cast<void>(s_registered);
+        s_mainPump = pump;
+    } else {
+        PumpReleaser& releaser = t_releaser;
+        static_cast<void>(releaser);
+    }
     t_pump = pump;
     return pump;
 }
@@ -73,6 +99,9 @@ Pump* Pump::Ensure() {
 void Pump::CloseCurrent() {
     Pump* pump = t_pump;
     t_pump = nullptr;
+    if (pump == s_mainPump) {
+        s_mainPump = nullptr;
+    }
     delete pump;
 }
 

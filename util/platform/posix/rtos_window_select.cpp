@@ -472,4 +472,17 @@ void SocketSendWouldBlock(int aSocket) {
     }
 }
 
+int SocketReadableBytes(int aSocket, unsigned long* aCount) {
+    int n = 0;
+    if (!aCount) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (::ioctl(aSocket, FIONREAD, &n) != 0) {
+        return -1;
+    }
+    *aCount = static_cast<unsigned long>(n);
+    return 0;
+}
+
 }  // namespace rtos

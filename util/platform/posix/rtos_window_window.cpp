@@ -92,10 +92,10 @@ using pump::Pump;
 using pump::Registry;
 using pump::Window;
 
-bool WindowClassRegister(const char* aName, WindowProc aProc, int aWndExtra) {
+uint16_t WindowClassRegister(const char* aName, WindowProc aProc, int aWndExtra) {
     if (!aName || !aProc || aWndExtra < 0) {
         errno = EINVAL;
-        return false;
+        return 0;
     }
     Registry& reg = Registry::Get();
     std::lock_guard<std::mutex> lock(reg.classLock);
@@ -103,11 +103,18 @@ bool WindowClassRegister(const char* aName, WindowProc aProc, int aWndExtra) {
     cls.proc = aProc;
     cls.slots = static_cast<int>((static_cast<size_t>(aWndExtra) + sizeof(intptr_t) - 1) /
                                  sizeof(intptr_t));
-    if (!reg.classes.emplace(aName, cls).second) {
+    if (reg.classes.count(aName) != 0) {
         errno = EEXIST;
-        return false;
+        return 0;
     }
-    return true;
+    // Atoms run from 0xC000 as on Windows; a freed atom is not reused.
+    if (reg.nextAtom == 0) {
+        errno = ENOSPC;
+        return 0;
+    }
+    cls.atom = reg.nextAtom++;
+    reg.classes.emplace(aName, cls);
+    return cls.atom;
 }
 
 bool WindowClassUnregister(const char* aName) {
