@@ -52,6 +52,10 @@ RT_API int LookupHostIPv4(const char* aName, HostInfo& aOut);
 // hostent and its name fit (*aHost is then null).
 RT_API int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent** aHost);
 
+// The address list of a hostent (null-terminated) and, in *aLength if given,
+// the length of each address; null for a null aHost.
+RT_API char** HostentAddrList(const hostent* aHost, int* aLength);
+
 // gethostbyname into a caller's buffer: LookupHostIPv4, then LayoutHostent.
 RT_API int GetHostByName(const char* aName, void* aBuf, size_t aLen, hostent** aHost);
 

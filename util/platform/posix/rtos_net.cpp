@@ -170,6 +170,13 @@ int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent** aHos
     return 0;
 }
 
+char** HostentAddrList(const hostent* aHost, int* aLength) {
+    if (aLength) {
+        *aLength = aHost ? aHost->h_length : 0;
+    }
+    return aHost ? aHost->h_addr_list : nullptr;
+}
+
 int GetHostByName(const char* aName, void* aBuf, size_t aLen, hostent** aHost) {
     if (aHost) {
         *aHost = nullptr;
