@@ -183,6 +183,12 @@ uint32_t FirstAddress(const void* aBuf) {
 
 class AsyncLookup : public ::testing::Test {
 protected:
+    void SetUp() override {
+        Gate& gate = TheGate();
+        std::lock_guard<std::mutex> lock(gate.lock);
+        gate.open = false;
+        gate.finished = 0;
+    }
     void TearDown() override { rtos::SetHostLookup(nullptr); }
 };
 
