@@ -1,5 +1,5 @@
 // The library's start-up pieces: the sockets' start and end, the removal of old
-// trace files, the module walk, and the load and unload traces of a child.
+// trace files, and the load and unload traces of a child process.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -8,10 +8,7 @@
 #include <string.h>
 #include <time.h>
 
-#include <algorithm>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "config_test_env.h"
 #include "rtos.h"
@@ -109,22 +106,6 @@ TEST(DeleteOutOfDateLog, RemovesOnlyTraceFilesDatedBeforeThirtyDaysAgo) {
         EXPECT_EQ(FileExists(logs + "/" + file.name), file.kept) << file.name;
     }
     EXPECT_EQ(OpenFdCount(), fds);
-}
-
-TEST(ModuleForEach, NamesLoadedObjectsByFileNameWithTheirLoadAddress) {
-    std::vector<std::pair<std::string, uintptr_t>> modules;
-    auto collect = [](const rtos::ModuleInfo& aModule, void* aArg) {
-        static_cast<decltype(modules)*>(aArg)->emplace_back(aModule.name, aModule.base);
-        return true;
-    };
-    ASSERT_TRUE(rtos::ModuleForEach(collect, &modules));
-    ASSERT_FALSE(modules.empty());
-    EXPECT_EQ(modules.front().first, "test_startup");  // the program comes first
-    auto library = std::find_if(modules.begin(), modules.end(), [](const auto& aModule) {
-        return aModule.first.rfind("libkvtframework.so", 0) == 0;
-    });
-    ASSERT_NE(library, modules.end());
-    EXPECT_EQ(library->second, reinterpret_cast<uintptr_t>(LibraryInfo().dli_fbase));
 }
 
 // Run as a child: checks the load trace in its own trace file and names the
