@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -345,11 +346,26 @@ int Connect(int aFd, uint16_t aPort) {
     return ::connect(aFd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
 }
 
-// A reactor thread of its own, ended and destroyed with the fixture.
+int CountOpenFds() {
+    int n = 0;
+    if (DIR* dir = ::opendir("/proc/self/fd")) {
+        while (::readdir(dir)) {
+            ++n;
+        }
+        ::closedir(dir);
+    }
+    return n;
+}
+
+// A reactor thread of its own, ended and destroyed with the fixture, which
+// also checks that no descriptor is left behind.
 class ReactorThreadTest : public ::testing::Test {
 protected:
-    void Start(IRtReactor* aReactor) {
+    void SetUp() override {
         ASSERT_TRUE(CRtThreadManager::Instance());
+        m_fds = CountOpenFds();
+    }
+    void Start(IRtReactor* aReactor) {
         ASSERT_EQ(CRtThreadManager::Instance()->CreateReactorThread(
                       CRtThreadManager::Instance()->GetAndIncreamUserType(), aReactor, m_thread),
                   RT_OK);
@@ -361,6 +377,7 @@ protected:
             EXPECT_EQ(m_thread->Join(60000), RT_OK);
             m_thread->Destory(0);
         }
+        EXPECT_EQ(CountOpenFds(), m_fds);
     }
     // Runs aFn on the reactor's thread and returns its result.
     int OnReactor(std::function<int()> aFn) {
@@ -369,6 +386,7 @@ protected:
 
     CRtThread* m_thread = nullptr;
     IRtReactor* m_reactor = nullptr;
+    int m_fds = 0;
 };
 
 }  // namespace
@@ -424,6 +442,7 @@ TEST_F(ReactorThreadTest, AStoppedLoopEndsWithinATickAndRefusesPosts) {
     EXPECT_EQ(reactor->PostEvent(new FnEvent([] { return RT_OK; })), RT_ERROR_NOT_INITIALIZED);
     m_thread->Destory(0);
     m_thread = nullptr;
+    EXPECT_EQ(CountOpenFds(), m_fds);
 }
 
 TEST_F(ReactorThreadTest, APeerThatSendsAndClosesIsReadThenClosedOnce) {
@@ -458,6 +477,27 @@ TEST_F(ReactorThreadTest, APeerThatSendsAndClosesIsReadThenClosedOnce) {
     EXPECT_EQ(calls.substr(calls.size() - 6), " close") << calls;
     EXPECT_EQ(calls.find("close"), calls.size() - 5) << calls;  // closed once
     EXPECT_EQ(OnReactor([&] { return m_reactor->RemoveHandler(&h); }), RT_ERROR_NOT_FOUND);
+    ::close(client);
+    ::close(listener);
+}
+
+TEST_F(ReactorThreadTest, APeerThatResetsIsClosedOnceWithoutInput) {
+    Start(CRtThreadManager::CreateNetworkReactor());
+    int listener = Listener();
+    int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(Connect(client, PortOf(listener)), 0);
+    int server = ::accept(listener, nullptr, nullptr);
+    RecordingHandler h(Fd(client));
+    ASSERT_EQ(OnReactor([&] { return m_reactor->RegisterHandler(&h, IRtEventHandler::READ_MASK); }),
+              RT_OK);
+    linger hard{1, 0};
+    ::setsockopt(server, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+    ::close(server);  // a reset, not a graceful close
+    ASSERT_TRUE(WaitUntil([&] { return h.closedMask.load() != -1; }));
+    EXPECT_EQ(OnReactor([] { return RT_OK; }), RT_OK);
+    std::string calls = h.Calls();
+    EXPECT_EQ(calls.find("close"), calls.size() - 5) << calls;  // last, and once
+    EXPECT_EQ(calls.find("out"), std::string::npos) << calls;
     ::close(client);
     ::close(listener);
 }

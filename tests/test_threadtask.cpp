@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "task_thread_helpers.h"
 #include "trace_capture.h"
 #include "rtframework.h"
 
@@ -17,23 +18,6 @@ std::atomic<int> g_destroyed{0};
 class CountedTask : public CRtThreadTaskWithEventQueueOnly {
 protected:
     ~CountedTask() override { g_destroyed++; }
-};
-
-// Runs a function on the owner thread; counts its release.
-class FnEvent : public IRtEvent {
-public:
-    FnEvent(std::function<int()> aFn, std::atomic<int>* aReleased = nullptr)
-        : m_fn(std::move(aFn)), m_released(aReleased) {}
-    int OnEventFire() override { return m_fn(); }
-    void OnDestorySelf() override {
-        if (m_released)
-            (*m_released)++;
-        delete this;
-    }
-
-private:
-    std::function<int()> m_fn;
-    std::atomic<int>* m_released;
 };
 
 // Holds the task thread in one event until opened.
@@ -63,12 +47,6 @@ CRtThread* NewTimerTaskThread() {
     return thread;
 }
 
-// Runs aFn on aThread and waits for it: timers are scheduled and cancelled on
-// the queue's own thread.
-void RunOn(CRtThread* aThread, std::function<void()> aFn) {
-    aThread->GetEventQueue()->SendEvent(new FnEvent([aFn] { return aFn(), RT_OK; }));
-}
-
 // Calls a function on every expiry.
 class FnTimer : public IRtTimerHandler {
 public:
@@ -83,16 +61,6 @@ public:
 private:
     std::function<void(void*)> m_fn;
 };
-
-CRtTimeValue Ms(long aMs) {
-    return CRtTimeValue(aMs / 1000, (aMs % 1000) * 1000);
-}
-
-void StopJoinDestroy(CRtThread* aThread) {
-    aThread->Stop(nullptr);
-    EXPECT_EQ(aThread->Join(0xFFFFFFFF), RT_OK);
-    aThread->Destory(0);
-}
 
 }  // namespace
 

@@ -301,9 +301,13 @@ void CRtReactorBase::ReportSlowHandle_i(const CRtTimeValue& aStart, void* aFd,
 }
 
 void CRtReactorBase::ProcessTimerTick() {
-    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
     m_Est.EnsureSingleThread();
     RT_ASSERTE_RETURN_VOID(m_pTimerQueue);
+    // Runs after every message: with no timer there is nothing to time.
+    if (m_pTimerQueue->GetEarliestTime() == CRtTimeValue::s_tvMax) {
+        return;
+    }
+    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
     m_pTimerQueue->CheckExpire(nullptr);
 
     CRtTimeValue elapsed = CRtTimeValue::GetTimeOfDay() - start;

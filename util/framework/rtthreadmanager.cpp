@@ -87,6 +87,8 @@ CRtThreadManager::~CRtThreadManager() {
         }
     }
 
+    SocketCleanup();
+
     CRtThreadManager* self = this;
     s_pThreadManagerOnlyOne.compare_exchange_strong(self, nullptr);
     m_pNetworkThread = nullptr;
@@ -110,9 +112,14 @@ int CRtThreadManager::InitMainThread(int aArgc, char** aArgv) {
         }
     }
 
+    int rv = SocketStartup();
+    if (RT_FAILED(rv)) {
+        return rv;
+    }
+    DeleteOutOfDateLog();
+
     IRtReactor* pReactor = new (std::nothrow) CRtReactorWin32Message();
     CRtThread* pMain = nullptr;
-    int rv = RT_OK;
     if (pReactor) {
         rv = CreateReactorThread(TT_MAIN, pReactor, pMain);
     } else {

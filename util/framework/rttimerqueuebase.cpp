@@ -107,6 +107,15 @@ int CRtTimerQueueBase::CancelTimer(IRtTimerHandler* aEh) {
 }
 
 int CRtTimerQueueBase::CheckExpire(CRtTimeValue* aRemainTime) {
+    // A reactor checks after every message: an empty queue costs no clock read.
+    m_Est.EnsureSingleThread();
+    CRtTimeValue tvEarliestFirst;
+    if (GetEarliestTime_l(tvEarliestFirst) == -1) {
+        if (aRemainTime) {
+            *aRemainTime = CRtTimeValue::s_tvMax;
+        }
+        return 0;
+    }
     const CRtTimeValue tvCur = GetTimeOfDay_i();
     int nCount = 0;
     for (;;) {

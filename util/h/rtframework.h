@@ -14,6 +14,7 @@
 #include "rtobserver.h"
 #include "rttimerqueuebase.h"
 #include "rttimerqueueorderedlist.h"
+#include "rttimerwrapper.h"
 #include "rtreferencecontrol.h"
 #include "rtdatablock.h"
 #include "rtmessageblock.h"

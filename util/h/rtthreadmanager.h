@@ -130,6 +130,22 @@ private:
 
     static std::atomic<CRtThreadManager*> s_pThreadManagerOnlyOne;
     static int s_bNewByInstance;
+
+    // ---- Start-up and shutdown pieces (rtthreadmanagerstartup.cpp) ----------
+public:
+    // Start and end the sockets (Winsock 2.2) once per process: a second start
+    // and an end without a start return RT_OK and do nothing. Main thread
+    // only, during initialisation and shutdown: s_bSocketInited is not locked.
+    static int SocketStartup();
+    static int SocketCleanup();
+    static int s_bSocketInited;
+
+private:
+    // Removes the trace files in the trace directory dated more than 30 days
+    // ago. Run once by InitMainThread.
+    void DeleteOutOfDateLog();
+    // Lets the tests run DeleteOutOfDateLog on its own.
+    friend struct CRtThreadManagerTestAccess;
 };
 
 #endif  // RTTHREADMANAGER_H

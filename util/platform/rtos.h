@@ -97,6 +97,31 @@ RT_API Handle ThreadCreate(ThreadProc aProc, void* aArg, uint32_t* aTid);
 // the thread still uses. Returns false: the thread was not terminated.
 RT_API bool ThreadAbandon(Handle aThread);
 
+// ---- Loaded modules and the library's entry point ---------------------------
+
+// One module of the process: the file name of the loaded object (no folder;
+// the main program's is its executable's) and the address it was loaded at.
+struct ModuleInfo {
+    const char* name;
+    uintptr_t base;
+};
+// Return false to stop the walk.
+typedef bool (*ModuleVisitor)(const ModuleInfo& aModule, void* aArg);
+// Calls aVisit for each module, in load order (the main program first), until
+// it returns false. False when the module list cannot be read.
+RT_API bool ModuleForEach(ModuleVisitor aVisit, void* aArg);
+
+// Reasons for ModuleEntry, with their Windows values.
+constexpr uint32_t kProcessDetach = 0;
+constexpr uint32_t kProcessAttach = 1;
+constexpr uint32_t kThreadAttach = 2;
+constexpr uint32_t kThreadDetach = 3;
+// The library's entry point, defined by the library built on this layer (not
+// by the layer): the layer calls it with kProcessAttach when the library is
+// loaded and with kProcessDetach when it is unloaded, under the loader's lock,
+// so it must neither start threads nor wait. POSIX has no thread notices.
+int ModuleEntry(uint32_t aReason);
+
 // ---- Debugger output --------------------------------------------------------
 
 typedef void (*DebugSink)(const char* aLine);

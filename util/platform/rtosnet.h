@@ -1,13 +1,14 @@
-// The platform layer's name resolution: the local host name, a blocking,
-// thread-safe lookup of IPv4 addresses, the layout of a lookup's result as a
-// hostent in a caller's buffer (what gethostbyname and the asynchronous
-// lookups hand back on Windows), and asynchronous lookups answered to a window
+// The platform layer's socket start-up and name resolution: the stand-ins for
+// Winsock's start-up and clean-up, the local host name, a blocking, thread-safe
+// lookup of IPv4 addresses, the layout of a lookup's result as a hostent in a
+// caller's buffer (what gethostbyname and the asynchronous lookups hand back on
+// Windows), and asynchronous lookups answered to a window
 // (WSAAsyncGetHostByName). Building blocks of the library; hosts never include
 // this file.
 //
-// Thread rules: every function may be called from any thread. Only the
-// asynchronous lookups keep state: a process-wide table of open requests and
-// a few lookup threads.
+// Thread rules: every function may be called from any thread. The state kept:
+// the socket start-up count (atomic), and for the asynchronous lookups a
+// process-wide table of open requests and a few lookup threads.
 #ifndef RTOSNET_H
 #define RTOSNET_H
 
@@ -23,6 +24,21 @@
 struct hostent;
 
 namespace rtos {
+
+// ---- Socket start-up ------------------------------------------------------------
+// Each successful SocketStartup needs one SocketCleanup, as with Winsock.
+
+// Version words: the major version in the low byte, the minor in the high one.
+constexpr uint16_t kSocketVersion22 = 0x0202;
+// 0, with *aGranted set to the version granted (2.2: POSIX sockets need no
+// start), or an error with the last error set to it.
+RT_API int SocketStartup(uint16_t aRequested, uint16_t* aGranted);
+// 0, or EINVAL (with the last error set) when no start-up is outstanding.
+RT_API int SocketCleanup();
+// The start-ups not yet cleaned up (for checks and tests).
+RT_API unsigned SocketStartupCount();
+
+// ---- Name resolution -----------------------------------------------------------
 
 // Lookup errors: the values of h_errno, so they read the same as the system's.
 constexpr int kHostNotFound = 1;  // no such name

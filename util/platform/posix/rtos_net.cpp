@@ -1,5 +1,7 @@
-// Name resolution on POSIX: getaddrinfo (thread-safe, unlike gethostbyname)
-// restricted to IPv4, and the hostent layout that Winsock callers expect.
+// Socket start-up and name resolution on POSIX. Sockets need no start, so only
+// the count of start-ups is kept; lookups use getaddrinfo (thread-safe, unlike
+// gethostbyname) restricted to IPv4, in the hostent layout Winsock callers
+// expect.
 #include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -12,10 +14,13 @@
 #include <atomic>
 #include <new>
 
+#include "rtos.h"
 #include "rtosnet.h"
 
 namespace rtos {
 namespace {
+
+std::atomic<unsigned> g_socketStartups{0};
 
 int MapLookupError(int aEai) {
     switch (aEai) {
@@ -78,8 +83,30 @@ std::atomic<HostLookup> g_lookup{nullptr};
 
 }  // namespace
 
-void SetHostLookup(HostLookup aLookup) {
-    g_lookup.store(aLookup, std::memory_order_release);
+int SocketStartup(uint16_t aRequested, uint16_t* aGranted) {
+    (void)aRequested;
+    if (!aGranted) {
+        SetLastError(EFAULT);
+        return EFAULT;
+    }
+    *aGranted = kSocketVersion22;
+    g_socketStartups++;
+    return 0;
+}
+
+int SocketCleanup() {
+    unsigned count = g_socketStartups.load();
+    do {
+        if (count == 0) {
+            SetLastError(EINVAL);
+            return EINVAL;
+        }
+    } while (!g_socketStartups.compare_exchange_weak(count, count - 1));
+    return 0;
+}
+
+unsigned SocketStartupCount() {
+    return g_socketStartups.load();
 }
 
 int GetHostName(char* aBuf, size_t aLen) {
@@ -94,6 +121,10 @@ int GetHostName(char* aBuf, size_t aLen) {
     // POSIX leaves a truncated name unterminated.
     aBuf[aLen - 1] = '\0';
     return 0;
+}
+
+void SetHostLookup(HostLookup aLookup) {
+    g_lookup.store(aLookup, std::memory_order_release);
 }
 
 int LookupHostIPv4(const char* aName, HostInfo& aOut) {

@@ -207,6 +207,8 @@ private:
     bool m_quit = false;
     int m_quitCode = 0;
     int m_dispatchDepth = 0;
+    // Batches taken since the last look at the sockets (see Next).
+    int m_batchesUnpolled = 0;
     std::unordered_map<uintptr_t, std::unique_ptr<Window>> m_windows;
     std::vector<Timer> m_timers;
     int64_t m_armedNs = 0;  // what the timerfd is set to; 0 when disarmed

@@ -241,6 +241,10 @@ void Pump::Poll(int aTimeoutMs) {
     }
 }
 
+namespace {
+constexpr int kBatchesPerPoll = 8;
+}  // namespace
+
 bool Pump::Next(Message* aMsg, bool aBlock) {
     bool polled = false;
     for (;;) {
@@ -253,8 +257,12 @@ bool Pump::Next(Message* aMsg, bool aBlock) {
         if (TakeDueTimer(aMsg)) {
             return true;
         }
-        if (!polled) {
+        // A thread that keeps posting to itself (a reactor working through its
+        // events a few at a time) would pay a system call per batch; its
+        // sockets are still looked at every few batches.
+        if (!polled && (m_own.empty() || ++m_batchesUnpolled >= kBatchesPerPoll)) {
             Poll(0);
+            m_batchesUnpolled = 0;
         }
         TakeOwn();
         TakeShared(false);
