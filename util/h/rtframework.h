@@ -28,5 +28,6 @@
 #include "rtreactorwin32message.h"
 #include "rtthreadreactor.h"
 #include "rtmainloop.h"
+#include "rtdnsmanager.h"
 
 #endif  // RTFRAMEWORK_H

@@ -1,0 +1,393 @@
+// The DNS manager in both modes: the cache and its expiry, lookups shared by
+// concurrent requests, observers called once on their chosen thread (or not at
+// all once cancelled), failures, a synchronous lookup of a pending name,
+// records that cannot be allocated, and shutdown with lookups pending.
+// Lookups go through a made-up resolver, so nothing depends on the network.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "rtdnsmanager.h"
+#include "rtframework.h"
+#include "rtmainloop.h"
+#include "rtosfile.h"
+#include "rtosnet.h"
+#include "task_thread_helpers.h"
+#include "trace_capture.h"
+
+namespace {
+
+// ---- A made-up resolver ---------------------------------------------------------
+// "<x>.fail" is unknown; the first lookup of "gate.test" waits for the gate;
+// any other name resolves to 10.0.0.<its length>. Lookups are counted by name.
+struct Resolver {
+    std::mutex lock;
+    std::condition_variable cond;
+    bool gateOpen = false;
+    bool gateUsed = false;
+    std::map<std::string, int> calls;
+    std::vector<std::string> order;
+};
+Resolver& TheResolver() {
+    static Resolver* s_resolver = new Resolver;  // lookup threads may outlive a test
+    return *s_resolver;
+}
+
+int FakeLookup(const char* aName, rtos::HostInfo& aOut) {
+    Resolver& r = TheResolver();
+    std::string name(aName);
+    std::unique_lock<std::mutex> lock(r.lock);
+    ++r.calls[name];
+    r.order.push_back(name);
+    r.cond.notify_all();
+    if (name == "gate.test" && !r.gateUsed) {
+        r.gateUsed = true;
+        r.cond.wait(lock, [&] { return r.gateOpen; });
+    }
+    if (name.size() > 5 && name.compare(name.size() - 5, 5, ".fail") == 0) {
+        return rtos::kHostNotFound;
+    }
+    aOut.name = name;
+    aOut.addrs.push_back(htonl(0x0A000000u + static_cast<uint32_t>(name.size())));
+    return 0;
+}
+
+void OpenGate() {
+    Resolver& r = TheResolver();
+    std::lock_guard<std::mutex> lock(r.lock);
+    r.gateOpen = true;
+    r.cond.notify_all();
+}
+int Calls(const std::string& aName) {
+    Resolver& r = TheResolver();
+    std::lock_guard<std::mutex> lock(r.lock);
+    return r.calls[aName];
+}
+bool WaitForCall(const std::string& aName) {
+    Resolver& r = TheResolver();
+    std::unique_lock<std::mutex> lock(r.lock);
+    return r.cond.wait_for(lock, std::chrono::seconds(20), [&] { return r.calls[aName] > 0; });
+}
+
+uint32_t AddressOf(const std::string& aName) {
+    return htonl(0x0A000000u + static_cast<uint32_t>(aName.size()));
+}
+
+// ---- Observers ------------------------------------------------------------------------
+
+class Observer : public IRtObserver {
+public:
+    struct Call {
+        std::string topic;
+        int error;
+        unsigned long tid;
+    };
+
+    void OnObserve(const char* aTopic, void* aData) override {
+        if (m_then) {
+            m_then();
+        }
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_calls.push_back(
+            Call{aTopic, *static_cast<int*>(aData), CRtThreadManager::GetThreadSelfId()});
+        m_cond.notify_all();
+    }
+    bool WaitCalls(size_t aCount) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_cond.wait_for(lock, std::chrono::seconds(20),
+                               [&] { return m_calls.size() >= aCount; });
+    }
+    std::vector<Call> Calls() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_calls;
+    }
+
+    std::function<void()> m_then;  // runs inside OnObserve
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_cond;
+    std::vector<Call> m_calls;
+};
+
+// ---- Record allocation that can be made to fail ------------------------------------------
+
+std::atomic<bool> g_failRecords{false};
+
+}  // namespace
+
+// The manager allocates records with the non-throwing new; this one refuses
+// record-sized blocks on request and otherwise does what the default does.
+void* operator new(std::size_t aSize, const std::nothrow_t&) noexcept {
+    if (g_failRecords.load() && aSize == sizeof(CRtDnsRecord)) {
+        return nullptr;
+    }
+    try {
+        return ::operator new(aSize);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+namespace {
+
+enum class Mode { kWindow, kThread };
+
+// A library of its own per test: thread manager, network thread, a task thread
+// for observers, and the DNS manager in the mode asked for.
+class DnsManager : public ::testing::TestWithParam<Mode> {
+protected:
+    void SetUp() override {
+        {
+            Resolver& r = TheResolver();
+            std::lock_guard<std::mutex> lock(r.lock);
+            r.gateOpen = r.gateUsed = false;
+            r.calls.clear();
+            r.order.clear();
+        }
+        rtos::SetHostLookup(&FakeLookup);
+        rtos::SetEnv("KVTIX_DNS_THREAD_MODE", GetParam() == Mode::kThread ? "1" : nullptr);
+        m_threads = new CRtThreadManager;
+        ASSERT_EQ(m_threads->InitMainThread(0, nullptr), RT_OK);
+        ASSERT_EQ(m_threads->CreateUserTaskThread(m_listener, CRtThreadManager::TF_JOINABLE, 0),
+                  RT_OK);
+        m_dns = CRtDnsManager::Instance();
+        ASSERT_TRUE(m_dns);
+    }
+    void TearDown() override {
+        OpenGate();
+        delete m_threads;  // stops and destroys every thread, then the DNS manager
+        rtos::SetHostLookup(nullptr);
+    }
+
+    // RT_OK with the record's first address in *aAddr, or the manager's code.
+    int Lookup(const std::string& aName, uint32_t* aAddr = nullptr,
+               IRtObserver* aObserver = nullptr, int aBypassCache = FALSE) {
+        CRtDnsRecord* record = nullptr;
+        int rv = m_dns->AsyncResolve(record, aName, aObserver, aBypassCache, m_listener);
+        return Finish(rv, record, aAddr);
+    }
+    static int Finish(int aRv, CRtDnsRecord* aRecord, uint32_t* aAddr) {
+        if (aRv == RT_OK) {
+            EXPECT_TRUE(aRecord);
+            CRtDnsRecord::iterator it = aRecord->begin();
+            if (aAddr) {
+                *aAddr = *it;
+            }
+            EXPECT_EQ(*++it, 0xFFFFFFFFu) << "one address only";
+            EXPECT_TRUE(it == aRecord->end());
+            aRecord->ReleaseReference();
+        } else {
+            EXPECT_FALSE(aRecord);
+        }
+        return aRv;
+    }
+    CRtThreadManager* m_threads = nullptr;
+    CRtThread* m_listener = nullptr;
+    CRtDnsManager* m_dns = nullptr;
+};
+
+INSTANTIATE_TEST_SUITE_P(BothModes, DnsManager, ::testing::Values(Mode::kWindow, Mode::kThread),
+                         [](const ::testing::TestParamInfo<Mode>& aInfo) {
+                             return aInfo.param == Mode::kWindow ? "Window" : "Thread";
+                         });
+
+}  // namespace
+
+TEST_P(DnsManager, AnswersFromTheCacheForThreeSecondsThenLooksUpAgain) {
+    Observer observer;
+    uint32_t addr = 0;
+    // The observer asks again from inside its call: the lock is not held.
+    int again = -1;
+    observer.m_then = [&] { again = Lookup("a.test", &addr); };
+    EXPECT_EQ(Lookup("a.test", nullptr, &observer), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(observer.WaitCalls(1));
+    EXPECT_EQ(again, RT_OK);
+    EXPECT_EQ(addr, AddressOf("a.test"));
+    const Observer::Call call = observer.Calls()[0];
+    EXPECT_EQ(call.topic, "DnsManager");
+    EXPECT_EQ(call.error, 0);
+    EXPECT_EQ(call.tid, m_listener->GetThreadId());
+
+    EXPECT_EQ(Lookup("a.test"), RT_OK);
+    CRtDnsRecord* record = nullptr;
+    EXPECT_EQ(m_dns->SyncResolve(record, "a.test"), RT_OK);
+    Finish(RT_OK, record, nullptr);
+    EXPECT_EQ(Calls("a.test"), 1);
+
+    // Bypassing the cache, or refreshing, looks the name up again.
+    EXPECT_EQ(Lookup("a.test", nullptr, nullptr, TRUE), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(WaitUntil([&] { return Calls("a.test") == 2 && Lookup("a.test") == RT_OK; }));
+    EXPECT_EQ(m_dns->RefreshHost("a.test"), RT_ERROR_WOULD_BLOCK);
+    EXPECT_EQ(m_dns->RefreshHost("r.test"), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(WaitUntil([&] { return Lookup("r.test") == RT_OK; }));
+    ASSERT_TRUE(WaitUntil([&] { return Lookup("a.test") == RT_OK; }));
+    EXPECT_EQ(Calls("a.test"), 3);
+
+    // Expiry: the manager's timer runs on the main thread, which the test drives.
+    const auto resolved = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WaitUntil([&] {
+        RtProcessMainLoopPending();
+        return Lookup("a.test") == RT_ERROR_WOULD_BLOCK;
+    }));
+    EXPECT_GE(std::chrono::steady_clock::now() - resolved, std::chrono::milliseconds(2900));
+}
+
+TEST_P(DnsManager, ConcurrentRequestsShareOneLookupAndEachObserverHearsOnce) {
+    Observer first, second, elsewhere, third;
+    CRtThread* network = m_threads->GetThread(CRtThreadManager::TT_NETWORK);
+    EXPECT_EQ(Lookup("gate.test", nullptr, &first), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(WaitForCall("gate.test"));
+    CRtDnsRecord* record = nullptr;
+    EXPECT_EQ(m_dns->AsyncResolve(record, "gate.test", &second, FALSE, network),
+              RT_ERROR_WOULD_BLOCK);
+    // Queued behind, in the order asked.
+    EXPECT_EQ(Lookup("bb.test", nullptr, &elsewhere), RT_ERROR_WOULD_BLOCK);
+    // Without a listener given, the calling thread listens.
+    IRtEventQueue* listenerQueue = m_listener->GetEventQueue();
+    EXPECT_EQ(listenerQueue->SendEvent(new FnEvent([&] {
+        CRtDnsRecord* none = nullptr;
+        return m_dns->AsyncResolve(none, "ccc.test", &third, FALSE, nullptr);
+    })),
+              RT_ERROR_WOULD_BLOCK);
+    {
+        // An observer waits for one name at a time.
+        TraceCapture trace;
+        EXPECT_EQ(Lookup("dddd.test", nullptr, &first), RT_ERROR_WOULD_BLOCK);
+        EXPECT_EQ(
+            trace.Count("CRtDnsManager::TryAddObserver_l, observer already exist. aObserver="), 1u);
+    }
+    OpenGate();
+    ASSERT_TRUE(first.WaitCalls(1));
+    ASSERT_TRUE(second.WaitCalls(1));
+    ASSERT_TRUE(elsewhere.WaitCalls(1));
+    ASSERT_TRUE(third.WaitCalls(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(first.Calls().size(), 1u);
+    EXPECT_EQ(second.Calls().size(), 1u);
+    EXPECT_EQ(second.Calls()[0].tid, network->GetThreadId());
+    EXPECT_EQ(first.Calls()[0].tid, m_listener->GetThreadId());
+    EXPECT_EQ(third.Calls()[0].tid, m_listener->GetThreadId());
+    EXPECT_EQ(Calls("gate.test"), 1);
+    EXPECT_EQ(Lookup("ccc.test"), RT_OK);
+    const std::vector<std::string> order = TheResolver().order;
+    ASSERT_GE(order.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(order.begin(), order.begin() + 3),
+              (std::vector<std::string>{"gate.test", "bb.test", "ccc.test"}));
+}
+
+TEST_P(DnsManager, UnknownNamesFailForObserversAndAreNeverServedFromTheCache) {
+    Observer observer;
+    EXPECT_EQ(Lookup("x.fail", nullptr, &observer), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(observer.WaitCalls(1));
+    EXPECT_NE(observer.Calls()[0].error, 0);
+    CRtDnsRecord* record = nullptr;
+    EXPECT_EQ(m_dns->SyncResolve(record, "x.fail"), RT_ERROR_NETWORK_DNS_FAILURE);
+    EXPECT_FALSE(record);
+    EXPECT_EQ(Calls("x.fail"), 2);
+    EXPECT_EQ(Lookup("x.fail"), RT_ERROR_WOULD_BLOCK);
+}
+
+TEST_P(DnsManager, ACancelledObserverIsNeverCalled) {
+    Observer cancelled, kept;
+    EXPECT_EQ(Lookup("gate.test", nullptr, &cancelled), RT_ERROR_WOULD_BLOCK);
+    EXPECT_EQ(Lookup("gate.test", nullptr, &kept), RT_ERROR_WOULD_BLOCK);
+    EXPECT_EQ(m_dns->CancelResolve(&cancelled), RT_OK);
+    EXPECT_EQ(m_dns->CancelResolve(&cancelled), RT_ERROR_NOT_FOUND);
+    // A caller outside the framework's threads, without a listener: nobody
+    // could deliver, so nothing is registered.
+    Observer orphan;
+    std::thread([&] {
+        TraceCapture trace;
+        CRtDnsRecord* none = nullptr;
+        EXPECT_EQ(m_dns->AsyncResolve(none, "gate.test", &orphan, FALSE, nullptr),
+                  RT_ERROR_WOULD_BLOCK);
+        EXPECT_EQ(trace.Count("Assert failed: aThreadListener"), 1u);
+    }).join();
+    EXPECT_EQ(m_dns->CancelResolve(&orphan), RT_ERROR_NOT_FOUND);
+    OpenGate();
+    ASSERT_TRUE(kept.WaitCalls(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(cancelled.Calls().empty());
+    EXPECT_EQ(m_dns->CancelResolve(&kept), RT_ERROR_NOT_FOUND);
+}
+
+TEST_P(DnsManager, ASyncLookupOfAPendingNameNeitherStealsAnAnswerNorStallsTheQueue) {
+    TraceCapture trace;
+    Observer waiting, behind;
+    EXPECT_EQ(Lookup("gate.test", nullptr, &waiting), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(WaitForCall("gate.test"));
+    EXPECT_EQ(Lookup("bb.test", nullptr, &behind), RT_ERROR_WOULD_BLOCK);
+
+    // The name whose lookup is under way: looked up here, the other goes on.
+    CRtDnsRecord* record = nullptr;
+    uint32_t addr = 0;
+    int rv = m_dns->SyncResolve(record, "gate.test");
+    EXPECT_EQ(Finish(rv, record, &addr), RT_OK);
+    EXPECT_EQ(addr, AddressOf("gate.test"));
+    // The name still waiting its turn: taken over, and its observer told.
+    record = nullptr;
+    rv = m_dns->SyncResolve(record, "bb.test");
+    EXPECT_EQ(Finish(rv, record, &addr), RT_OK);
+    EXPECT_EQ(addr, AddressOf("bb.test"));
+    EXPECT_EQ(trace.Count("CRtDnsManager::SyncResolve, remove pending for hostname=bb.test"), 1u);
+    ASSERT_TRUE(behind.WaitCalls(1));
+
+    OpenGate();
+    ASSERT_TRUE(waiting.WaitCalls(1));
+    EXPECT_EQ(waiting.Calls()[0].error, 0);
+    // Later names still get their turn.
+    Observer later;
+    EXPECT_EQ(Lookup("ccc.test", nullptr, &later), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(later.WaitCalls(1));
+    EXPECT_EQ(trace.Count("Assert failed"), 0u);
+    EXPECT_EQ(trace.Count("can't find pending"), 0u);
+}
+
+TEST_P(DnsManager, ARecordThatCannotBeAllocatedFailsWithoutHarm) {
+    g_failRecords = true;
+    CRtDnsRecord* record = nullptr;
+    EXPECT_EQ(Lookup("a.test"), RT_ERROR_OUT_OF_MEMORY);
+    EXPECT_EQ(m_dns->SyncResolve(record, "a.test"), RT_ERROR_OUT_OF_MEMORY);
+    EXPECT_EQ(m_dns->RefreshHost("a.test"), RT_ERROR_OUT_OF_MEMORY);
+    g_failRecords = false;
+    EXPECT_FALSE(record);
+    EXPECT_EQ(m_dns->SyncResolve(record, "a.test"), RT_OK);
+    Finish(RT_OK, record, nullptr);
+}
+
+TEST_P(DnsManager, LocalAddressesComeFromTheLocalHostName) {
+    CRtDnsRecord* record = nullptr;
+    ASSERT_EQ(m_dns->GetLocalIps(record), RT_OK);
+    EXPECT_NE(*record->begin(), 0xFFFFFFFFu);
+    record->ReleaseReference();
+}
+
+// Window mode only: in thread mode the DNS thread would be inside the lookup.
+class DnsManagerShutdown : public DnsManager {};
+INSTANTIATE_TEST_SUITE_P(WindowMode, DnsManagerShutdown, ::testing::Values(Mode::kWindow));
+
+TEST_P(DnsManagerShutdown, WithLookupsPendingCallsNobodyAndWithdrawsTheRequests) {
+    Observer observer;
+    EXPECT_EQ(Lookup("gate.test", nullptr, &observer), RT_ERROR_WOULD_BLOCK);
+    EXPECT_EQ(Lookup("bb.test", nullptr, nullptr), RT_ERROR_WOULD_BLOCK);
+    ASSERT_TRUE(WaitForCall("gate.test"));
+    delete m_threads;
+    m_threads = nullptr;
+    OpenGate();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(observer.Calls().empty());
+}
