@@ -22,5 +22,7 @@
 #include "rtthreadmanager.h"
 #include "rtthread.h"
 #include "rtthreadtask.h"
+#include "rtinetaddr.h"
+#include "rtsocket.h"
 
 #endif  // RTFRAMEWORK_H
