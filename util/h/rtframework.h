@@ -28,5 +28,7 @@
 #include "rtreactorwin32message.h"
 #include "rtthreadreactor.h"
 #include "rtmainloop.h"
+#include "rtinetaddr.h"
+#include "rtsocket.h"
 
 #endif  // RTFRAMEWORK_H
