@@ -23,4 +23,9 @@ typedef std::string CRtString;
 // The invalid socket or handle value (all bits set).
 #define RT_INVALID_HANDLE (-1)
 
+// RT_INVALID_HANDLE as the pointer-sized handle of sockets, handlers and reactors.
+inline void* RtInvalidHandle() {
+    return reinterpret_cast<void*>(static_cast<intptr_t>(RT_INVALID_HANDLE));
+}
+
 #endif  // RTDEFINES_H

@@ -28,6 +28,8 @@
 #include "rtreactorwin32message.h"
 #include "rtthreadreactor.h"
 #include "rtmainloop.h"
+#include "rtinetaddr.h"
+#include "rtsocket.h"
 #include "rtdnsmanager.h"
 
 #endif  // RTFRAMEWORK_H

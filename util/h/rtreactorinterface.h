@@ -19,11 +19,6 @@
 #include "rteventqueuebase.h"
 #include "rttimerqueuebase.h"
 
-// RT_INVALID_HANDLE as the pointer-sized handle that handlers and reactors pass.
-inline void* RtInvalidHandle() {
-    return reinterpret_cast<void*>(static_cast<intptr_t>(RT_INVALID_HANDLE));
-}
-
 // What a reactor calls back. Every default body traces an assertion and fails,
 // so a handler overrides what it registers for.
 class RT_API IRtEventHandler {

@@ -3,9 +3,11 @@
 #ifndef RTOSDEFS_H
 #define RTOSDEFS_H
 
+#include <netinet/in.h>  // sockaddr_in, held by CRtInetAddr
 #include <pthread.h>
-#include <sys/time.h>  // timeval
-#include <sys/uio.h>   // iovec: the system's own, so arrays go to readv/writev unchanged
+#include <sys/socket.h>  // AF_*, SOCK_*, SOL_SOCKET, SO_*: what hosts pass to the sockets
+#include <sys/time.h>    // timeval
+#include <sys/uio.h>     // iovec: the system's own, so arrays go to readv/writev unchanged
 
 namespace rtos {
 
