@@ -123,15 +123,21 @@ TEST(InetAddr, HostNameIsKeptUnresolvedWithItsPort) {
     EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: !IsResolved()"));
 }
 
-// Deferred: enable once TryResolve is wired to the DNS manager. A name never
-// looked up would block; once the lookup is done, TryResolve takes the first
-// address of the cached result.
-TEST(InetAddr, DISABLED_HostNameResolvesOnceTheLookupIsDone) {
+// A name never looked up would block; once the lookup is done, TryResolve
+// takes the first address of the cached result. A name that fails stays
+// unresolved and is looked up again on every try.
+TEST(InetAddr, HostNameResolvesOnceTheLookupIsDone) {
     CRtThreadManager::Instance();
     CRtInetAddr addr;
     EXPECT_EQ(RT_ERROR_WOULD_BLOCK, addr.Set("localhost", 80));
     EXPECT_TRUE(WaitUntil([&] { return addr.TryResolve() == RT_OK; }));
     ExpectResolved(addr, "127.0.0.1", 80);
+
+    CRtInetAddr unknown;
+    EXPECT_EQ(RT_ERROR_WOULD_BLOCK, unknown.Set("no-such-host.invalid", 80));
+    CRtThreadManager::SleepMs(300);
+    EXPECT_EQ(RT_ERROR_WOULD_BLOCK, unknown.TryResolve());
+    EXPECT_FALSE(unknown.IsResolved());
 }
 
 TEST(InetAddr, ComparisonReadsOnlyTheStoredFamilyPortAndAddress) {

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "rtdebug.h"
+#include "rtdnsmanager.h"
 #include "rtossocket.h"
 
 CRtInetAddr CRtInetAddr::s_rtInetAddrNull;
@@ -122,8 +123,14 @@ int CRtInetAddr::IpAddrStringTo4Bytes(const char* aIpAddr, unsigned long& aIpOut
 
 int CRtInetAddr::TryResolve() {
     RT_ASSERTE_RETURN(!IsResolved(), RT_OK);
-    // resolution through the DNS manager is wired when it lands
-    return RT_ERROR_NOT_AVAILABLE;
+    // Never waits: without an observer the caller simply asks again later.
+    CRtAutoPtr<CRtDnsRecord> record;
+    int rv = CRtDnsManager::Instance()->AsyncResolve(record.ParaOut(), m_strHostName, nullptr,
+                                                     FALSE, nullptr);
+    if (rv == RT_OK) {
+        SetIpAddrBy4Bytes(*record->begin(), TRUE);
+    }
+    return rv;
 }
 
 bool CRtInetAddr::operator==(const CRtInetAddr& aRight) const {
