@@ -33,54 +33,66 @@ namespace {
 // ---- A made-up resolver ---------------------------------------------------------
 // "<x>.fail" is unknown; the first lookup of "gate.test" waits for the gate;
 // any other name resolves to 10.0.0.<its length>. Lookups are counted by name.
-struct Resolver {
-    std::mutex lock;
-    std::condition_variable cond;
-    bool gateOpen = false;
-    bool gateUsed = false;
-    std::map<std::string, int> calls;
-    std::vector<std::string> order;
+class Resolver {
+public:
+    // Never destroyed: lookup threads may outlive a test.
+    static Resolver& Get() {
+        static Resolver* s_resolver = new Resolver;
+        return *s_resolver;
+    }
+    static int Lookup(const char* aName, rtos::HostInfo& aOut) {
+        return Get().Lookup_i(aName, aOut);
+    }
+
+    void Reset() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_gateOpen = m_gateUsed = false;
+        m_calls.clear();
+        m_order.clear();
+    }
+    void OpenGate() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_gateOpen = true;
+        m_cond.notify_all();
+    }
+    int Calls(const std::string& aName) {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_calls[aName];
+    }
+    bool WaitForCall(const std::string& aName) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_cond.wait_for(lock, std::chrono::seconds(20), [&] { return m_calls[aName] > 0; });
+    }
+    std::vector<std::string> Order() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        return m_order;
+    }
+
+private:
+    int Lookup_i(const std::string& aName, rtos::HostInfo& aOut) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        ++m_calls[aName];
+        m_order.push_back(aName);
+        m_cond.notify_all();
+        if (aName == "gate.test" && !m_gateUsed) {
+            m_gateUsed = true;
+            m_cond.wait(lock, [&] { return m_gateOpen; });
+        }
+        if (aName.size() > 5 && aName.compare(aName.size() - 5, 5, ".fail") == 0) {
+            return rtos::kHostNotFound;
+        }
+        aOut.name = aName;
+        aOut.addrs.push_back(htonl(0x0A000000u + static_cast<uint32_t>(aName.size())));
+        return 0;
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_cond;
+    bool m_gateOpen = false;
+    bool m_gateUsed = false;
+    std::map<std::string, int> m_calls;
+    std::vector<std::string> m_order;
 };
-Resolver& TheResolver() {
-    static Resolver* s_resolver = new Resolver;  // lookup threads may outlive a test
-    return *s_resolver;
-}
-
-int FakeLookup(const char* aName, rtos::HostInfo& aOut) {
-    Resolver& r = TheResolver();
-    std::string name(aName);
-    std::unique_lock<std::mutex> lock(r.lock);
-    ++r.calls[name];
-    r.order.push_back(name);
-    r.cond.notify_all();
-    if (name == "gate.test" && !r.gateUsed) {
-        r.gateUsed = true;
-        r.cond.wait(lock, [&] { return r.gateOpen; });
-    }
-    if (name.size() > 5 && name.compare(name.size() - 5, 5, ".fail") == 0) {
-        return rtos::kHostNotFound;
-    }
-    aOut.name = name;
-    aOut.addrs.push_back(htonl(0x0A000000u + static_cast<uint32_t>(name.size())));
-    return 0;
-}
-
-void OpenGate() {
-    Resolver& r = TheResolver();
-    std::lock_guard<std::mutex> lock(r.lock);
-    r.gateOpen = true;
-    r.cond.notify_all();
-}
-int Calls(const std::string& aName) {
-    Resolver& r = TheResolver();
-    std::lock_guard<std::mutex> lock(r.lock);
-    return r.calls[aName];
-}
-bool WaitForCall(const std::string& aName) {
-    Resolver& r = TheResolver();
-    std::unique_lock<std::mutex> lock(r.lock);
-    return r.cond.wait_for(lock, std::chrono::seconds(20), [&] { return r.calls[aName] > 0; });
-}
 
 uint32_t AddressOf(const std::string& aName) {
     return htonl(0x0A000000u + static_cast<uint32_t>(aName.size()));
@@ -151,14 +163,8 @@ enum class Mode { kWindow, kThread };
 class DnsManager : public ::testing::TestWithParam<Mode> {
 protected:
     void SetUp() override {
-        {
-            Resolver& r = TheResolver();
-            std::lock_guard<std::mutex> lock(r.lock);
-            r.gateOpen = r.gateUsed = false;
-            r.calls.clear();
-            r.order.clear();
-        }
-        rtos::SetHostLookup(&FakeLookup);
+        m_resolver.Reset();
+        rtos::SetHostLookup(&Resolver::Lookup);
         rtos::SetEnv("KVTIX_DNS_THREAD_MODE", GetParam() == Mode::kThread ? "1" : nullptr);
         m_threads = new CRtThreadManager;
         ASSERT_EQ(m_threads->InitMainThread(0, nullptr), RT_OK);
@@ -168,7 +174,7 @@ protected:
         ASSERT_TRUE(m_dns);
     }
     void TearDown() override {
-        OpenGate();
+        m_resolver.OpenGate();
         delete m_threads;  // stops and destroys every thread, then the DNS manager
         rtos::SetHostLookup(nullptr);
     }
@@ -195,6 +201,7 @@ protected:
         }
         return aRv;
     }
+    Resolver& m_resolver = Resolver::Get();
     CRtThreadManager* m_threads = nullptr;
     CRtThread* m_listener = nullptr;
     CRtDnsManager* m_dns = nullptr;
@@ -226,16 +233,17 @@ TEST_P(DnsManager, AnswersFromTheCacheForThreeSecondsThenLooksUpAgain) {
     CRtDnsRecord* record = nullptr;
     EXPECT_EQ(m_dns->SyncResolve(record, "a.test"), RT_OK);
     Finish(RT_OK, record, nullptr);
-    EXPECT_EQ(Calls("a.test"), 1);
+    EXPECT_EQ(m_resolver.Calls("a.test"), 1);
 
     // Bypassing the cache, or refreshing, looks the name up again.
     EXPECT_EQ(Lookup("a.test", nullptr, nullptr, TRUE), RT_ERROR_WOULD_BLOCK);
-    ASSERT_TRUE(WaitUntil([&] { return Calls("a.test") == 2 && Lookup("a.test") == RT_OK; }));
+    ASSERT_TRUE(
+        WaitUntil([&] { return m_resolver.Calls("a.test") == 2 && Lookup("a.test") == RT_OK; }));
     EXPECT_EQ(m_dns->RefreshHost("a.test"), RT_ERROR_WOULD_BLOCK);
     EXPECT_EQ(m_dns->RefreshHost("r.test"), RT_ERROR_WOULD_BLOCK);
     ASSERT_TRUE(WaitUntil([&] { return Lookup("r.test") == RT_OK; }));
     ASSERT_TRUE(WaitUntil([&] { return Lookup("a.test") == RT_OK; }));
-    EXPECT_EQ(Calls("a.test"), 3);
+    EXPECT_EQ(m_resolver.Calls("a.test"), 3);
 
     // Expiry: the manager's timer runs on the main thread, which the test drives.
     const auto resolved = std::chrono::steady_clock::now();
@@ -250,7 +258,7 @@ TEST_P(DnsManager, ConcurrentRequestsShareOneLookupAndEachObserverHearsOnce) {
     Observer first, second, elsewhere, third;
     CRtThread* network = m_threads->GetThread(CRtThreadManager::TT_NETWORK);
     EXPECT_EQ(Lookup("gate.test", nullptr, &first), RT_ERROR_WOULD_BLOCK);
-    ASSERT_TRUE(WaitForCall("gate.test"));
+    ASSERT_TRUE(m_resolver.WaitForCall("gate.test"));
     CRtDnsRecord* record = nullptr;
     EXPECT_EQ(m_dns->AsyncResolve(record, "gate.test", &second, FALSE, network),
               RT_ERROR_WOULD_BLOCK);
@@ -270,7 +278,7 @@ TEST_P(DnsManager, ConcurrentRequestsShareOneLookupAndEachObserverHearsOnce) {
         EXPECT_EQ(
             trace.Count("CRtDnsManager::TryAddObserver_l, observer already exist. aObserver="), 1u);
     }
-    OpenGate();
+    m_resolver.OpenGate();
     ASSERT_TRUE(first.WaitCalls(1));
     ASSERT_TRUE(second.WaitCalls(1));
     ASSERT_TRUE(elsewhere.WaitCalls(1));
@@ -281,9 +289,9 @@ TEST_P(DnsManager, ConcurrentRequestsShareOneLookupAndEachObserverHearsOnce) {
     EXPECT_EQ(second.Calls()[0].tid, network->GetThreadId());
     EXPECT_EQ(first.Calls()[0].tid, m_listener->GetThreadId());
     EXPECT_EQ(third.Calls()[0].tid, m_listener->GetThreadId());
-    EXPECT_EQ(Calls("gate.test"), 1);
+    EXPECT_EQ(m_resolver.Calls("gate.test"), 1);
     EXPECT_EQ(Lookup("ccc.test"), RT_OK);
-    const std::vector<std::string> order = TheResolver().order;
+    const std::vector<std::string> order = m_resolver.Order();
     ASSERT_GE(order.size(), 3u);
     EXPECT_EQ(std::vector<std::string>(order.begin(), order.begin() + 3),
               (std::vector<std::string>{"gate.test", "bb.test", "ccc.test"}));
@@ -297,8 +305,13 @@ TEST_P(DnsManager, UnknownNamesFailForObserversAndAreNeverServedFromTheCache) {
     CRtDnsRecord* record = nullptr;
     EXPECT_EQ(m_dns->SyncResolve(record, "x.fail"), RT_ERROR_NETWORK_DNS_FAILURE);
     EXPECT_FALSE(record);
-    EXPECT_EQ(Calls("x.fail"), 2);
+    EXPECT_EQ(m_resolver.Calls("x.fail"), 2);
     EXPECT_EQ(Lookup("x.fail"), RT_ERROR_WOULD_BLOCK);
+
+    // The local host name is looked up like any other.
+    ASSERT_EQ(m_dns->GetLocalIps(record), RT_OK);
+    EXPECT_NE(*record->begin(), 0xFFFFFFFFu);
+    record->ReleaseReference();
 }
 
 TEST_P(DnsManager, ACancelledObserverIsNeverCalled) {
@@ -318,7 +331,7 @@ TEST_P(DnsManager, ACancelledObserverIsNeverCalled) {
         EXPECT_EQ(trace.Count("Assert failed: aThreadListener"), 1u);
     }).join();
     EXPECT_EQ(m_dns->CancelResolve(&orphan), RT_ERROR_NOT_FOUND);
-    OpenGate();
+    m_resolver.OpenGate();
     ASSERT_TRUE(kept.WaitCalls(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_TRUE(cancelled.Calls().empty());
@@ -329,7 +342,7 @@ TEST_P(DnsManager, ASyncLookupOfAPendingNameNeitherStealsAnAnswerNorStallsTheQue
     TraceCapture trace;
     Observer waiting, behind;
     EXPECT_EQ(Lookup("gate.test", nullptr, &waiting), RT_ERROR_WOULD_BLOCK);
-    ASSERT_TRUE(WaitForCall("gate.test"));
+    ASSERT_TRUE(m_resolver.WaitForCall("gate.test"));
     EXPECT_EQ(Lookup("bb.test", nullptr, &behind), RT_ERROR_WOULD_BLOCK);
 
     // The name whose lookup is under way: looked up here, the other goes on.
@@ -346,7 +359,7 @@ TEST_P(DnsManager, ASyncLookupOfAPendingNameNeitherStealsAnAnswerNorStallsTheQue
     EXPECT_EQ(trace.Count("CRtDnsManager::SyncResolve, remove pending for hostname=bb.test"), 1u);
     ASSERT_TRUE(behind.WaitCalls(1));
 
-    OpenGate();
+    m_resolver.OpenGate();
     ASSERT_TRUE(waiting.WaitCalls(1));
     EXPECT_EQ(waiting.Calls()[0].error, 0);
     // Later names still get their turn.
@@ -369,13 +382,6 @@ TEST_P(DnsManager, ARecordThatCannotBeAllocatedFailsWithoutHarm) {
     Finish(RT_OK, record, nullptr);
 }
 
-TEST_P(DnsManager, LocalAddressesComeFromTheLocalHostName) {
-    CRtDnsRecord* record = nullptr;
-    ASSERT_EQ(m_dns->GetLocalIps(record), RT_OK);
-    EXPECT_NE(*record->begin(), 0xFFFFFFFFu);
-    record->ReleaseReference();
-}
-
 // Window mode only: in thread mode the DNS thread would be inside the lookup.
 class DnsManagerShutdown : public DnsManager {};
 INSTANTIATE_TEST_SUITE_P(WindowMode, DnsManagerShutdown, ::testing::Values(Mode::kWindow));
@@ -384,10 +390,10 @@ TEST_P(DnsManagerShutdown, WithLookupsPendingCallsNobodyAndWithdrawsTheRequests)
     Observer observer;
     EXPECT_EQ(Lookup("gate.test", nullptr, &observer), RT_ERROR_WOULD_BLOCK);
     EXPECT_EQ(Lookup("bb.test", nullptr, nullptr), RT_ERROR_WOULD_BLOCK);
-    ASSERT_TRUE(WaitForCall("gate.test"));
+    ASSERT_TRUE(m_resolver.WaitForCall("gate.test"));
     delete m_threads;
     m_threads = nullptr;
-    OpenGate();
+    m_resolver.OpenGate();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_TRUE(observer.Calls().empty());
 }

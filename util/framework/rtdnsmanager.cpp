@@ -114,14 +114,15 @@ CRtDnsManager::CRtDnsManager()
     }
 
     if (!m_bIsEL98) {
-        // The window belongs to the network thread, so it is created there.
+        // The window belongs to the network thread, so it is created there;
+        // without that thread there is none, and lookups fail to start.
+        IRtEventQueue* network = m_pThreadNetwork ? m_pThreadNetwork->GetEventQueue() : nullptr;
         int rv = RT_ERROR_NULL_POINTER;
-        if (!m_pThreadNetwork) {
-            // Traced above: there is no thread to own the window.
-        } else if (CRtThreadManager::IsEqualCurrentThread(m_pThreadNetwork->GetThreadId())) {
+        if (m_pThreadNetwork &&
+            CRtThreadManager::IsEqualCurrentThread(m_pThreadNetwork->GetThreadId())) {
             rv = CreateDnsWindow();
-        } else if (IRtEventQueue* queue = m_pThreadNetwork->GetEventQueue()) {
-            rv = queue->SendEvent(this);
+        } else if (network) {
+            rv = network->SendEvent(this);
         }
         RT_ASSERTE(RT_SUCCEEDED(rv));
     }

@@ -157,8 +157,9 @@ public:
     // RT_OK, after which aObserver is not called for the lookup it waited for;
     // RT_ERROR_NOT_FOUND when it waits for none.
     int CancelResolve(IRtObserver* aObserver);
-    // Forgets every observer, pending lookup and cached result (window mode;
-    // the window must be gone). No observer is called afterwards.
+    // Forgets every observer, cached result and waiting lookup; no observer is
+    // called afterwards. Window mode expects the window gone; in thread mode a
+    // lookup under way on the DNS thread finishes unheard.
     int Shutdown();
 
     // Cache expiry, every 3 seconds on the creating thread.
