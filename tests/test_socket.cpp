@@ -241,6 +241,10 @@ TEST_F(Socket, DatagramsNameTheirPeer) {
 }
 
 TEST_F(Socket, BadArgumentsAreTracedAndFailInTheSystem) {
+    // The address given by name below starts the library's threads (through
+    // the DNS manager), whose descriptors live as long as the process.
+    CRtDnsManager::Instance();
+    m_fds = OpenFds();
     TraceCapture capture;
     Stream client, server;
     Connect(client, server);
