@@ -14,6 +14,7 @@
 #include "rtos.h"
 #include "rtosfile.h"
 #include "rtosnet.h"
+#include "rtoswindow.h"
 #include "rtthread.h"
 #include "rtthreadmanager.h"
 #include "rtutiltemplates.h"
@@ -134,6 +135,11 @@ CRtDnsManager::CRtDnsManager()
 
 CRtDnsManager::~CRtDnsManager() {
     Shutdown();
+    // A window the network thread did not destroy must not lead to this object.
+    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
+    if (m_hwndDsnWindow) {
+        rtos::WindowSetLong(m_hwndDsnWindow, 0, 0);
+    }
 }
 
 CRtDnsRecord* CRtDnsManager::NewRecord_i(const CRtString& aHostName) {
