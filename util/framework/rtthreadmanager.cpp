@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "rtdebug.h"
+#include "rtdnsmanager.h"
 #include "rtos.h"
 #include "rtreactorwin32message.h"
 #include "rtthread.h"
@@ -84,6 +85,19 @@ CRtThreadManager::~CRtThreadManager() {
         } else {
             RT_INFO_TRACE("CRtThreadManager::~CRtThreadManager, g_atomRegisterClass="
                           << atom << " g_pReactorWin3Instance=" << static_cast<void*>(nullptr));
+        }
+    }
+
+    uint16_t dnsAtom = CRtDnsManager::RegisteredClassAtom();
+    if (dnsAtom != 0) {
+        if (RT_FAILED(CRtDnsManager::UnregisterWindowClass())) {
+            RT_INFO_TRACE(
+                "CRtThreadManager::~CRtThreadManager, UnregisterClass() failed! "
+                "g_atomDnsRegisterClass="
+                << dnsAtom << " err=" << rtos::LastError());
+        } else {
+            RT_INFO_TRACE(
+                "CRtThreadManager::~CRtThreadManager, g_atomDnsRegisterClass=" << dnsAtom);
         }
     }
 

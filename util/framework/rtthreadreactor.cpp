@@ -3,6 +3,7 @@
 #include "rtthreadreactor.h"
 
 #include "rtdebug.h"
+#include "rtdnsmanager.h"
 #include "rtreactorinterface.h"
 
 CRtThreadReactor::CRtThreadReactor() : m_pReactor(nullptr), m_pDnsManager(nullptr) {}
@@ -59,6 +60,11 @@ void CRtThreadReactor::OnThreadRun() {
     RT_INFO_TRACE("CRtThreadReactor::OnThreadRun, Begin.");
     m_pReactor->RunEventLoop();
     m_pReactor->Close();
+    // The DNS window was created on this thread and must end on it.
+    if (m_pDnsManager) {
+        m_pDnsManager->DestroyDnsWindow();
+        m_pDnsManager = nullptr;
+    }
     RT_INFO_TRACE("CRtThreadReactor::OnThreadRun, End.");
 }
 
