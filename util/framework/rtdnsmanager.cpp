@@ -131,9 +131,12 @@ CRtDnsManager::CRtDnsManager()
     RT_INFO_TRACE("CRtDnsManager::CRtDnsManager"
                   << " this=" << this);
     m_Timer.Schedule(this, kCacheLifetime, 0);
+    SetThreadLookupTarget_i(this);
 }
 
 CRtDnsManager::~CRtDnsManager() {
+    // First: a DNS thread coming back from a lookup must find nobody.
+    SetThreadLookupTarget_i(nullptr);
     Shutdown();
     // A window the network thread did not destroy must not lead to this object.
     CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
@@ -340,7 +343,9 @@ int CRtDnsManager::BeginResolve_l(CRtDnsRecord* aRecord) {
             return -1;
         }
         IRtEventQueue* queue = m_pThreadDNS->GetEventQueue();
-        if (!queue || RT_FAILED(queue->PostEvent(this, IRtEventQueue::EPRIORITY_NORMAL))) {
+        IRtEvent* lookup = NewLookupEvent_i();
+        // A refused post releases the event, a null one included.
+        if (!queue || RT_FAILED(queue->PostEvent(lookup, IRtEventQueue::EPRIORITY_NORMAL))) {
             return -1;
         }
         return 0;
@@ -371,11 +376,21 @@ int CRtDnsManager::DoAsyncHostByName_l(CRtDnsRecord* aRecord) {
 
 int CRtDnsManager::DoGetHostByName_l(CRtDnsRecord* aRecord) {
     RT_ASSERTE_RETURN(aRecord, RT_ERROR_INVALID_ARG);
+    PrepareLookup_l(aRecord);
+    // The record is ours while it is PROCESSING; only the lock goes.
+    m_Mutex.UnLock();
+    int err = LookUp_i(aRecord);
+    m_Mutex.Lock();
+    return err;
+}
+
+void CRtDnsManager::PrepareLookup_l(CRtDnsRecord* aRecord) {
     RT_ASSERTE(aRecord->m_State == CRtDnsRecord::RSV_IDLE);
     aRecord->m_State = CRtDnsRecord::RSV_PROCESSING;
     ::memset(aRecord->m_szBuffer, 0, sizeof(aRecord->m_szBuffer));
-    // The record is ours while it is PROCESSING; only the lock goes.
-    m_Mutex.UnLock();
+}
+
+int CRtDnsManager::LookUp_i(CRtDnsRecord* aRecord) {
     hostent* host = nullptr;
     int err = rtos::GetHostByName(aRecord->m_strHostName.c_str(), aRecord->m_szBuffer,
                                   sizeof(aRecord->m_szBuffer), &host);
@@ -386,7 +401,6 @@ int CRtDnsManager::DoGetHostByName_l(CRtDnsRecord* aRecord) {
         RT_ERROR_TRACE("CRtDnsManager::DoGetHostByName_l, gethostbyname() failed. host="
                        << aRecord->m_strHostName << " err=" << err);
     }
-    m_Mutex.Lock();
     return err;
 }
 

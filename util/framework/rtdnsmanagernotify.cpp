@@ -8,6 +8,7 @@
 // itself, so an observer is called at most once, and never after its cancel
 // returned RT_OK.
 #include <atomic>
+#include <mutex>
 #include <new>
 
 #include "rtdnsmanager.h"
@@ -25,7 +26,27 @@ const char* const kTopic = "DnsManager";
 // thread manager once that thread has ended.
 std::atomic<uint16_t> g_atomDnsRegisterClass{0};
 
+// Outlives the manager. A shutdown gives up on a DNS thread stuck in a lookup
+// after 500 ms and destroys the manager; when the lookup comes back, the
+// thread must touch nothing of it. The thread holds this lock whenever it uses
+// the manager, and the destructor clears the pointer under it.
+struct DnsThreadLife {
+    std::mutex lock;
+    CRtDnsManager* manager = nullptr;
+};
+
+DnsThreadLife& Life() {
+    static DnsThreadLife* s_life = new DnsThreadLife();
+    return *s_life;
+}
+
 }  // namespace
+
+// Posted to the DNS thread for each lookup; owns nothing, deletes itself.
+class CRtDnsLookupEvent : public IRtEvent {
+public:
+    int OnEventFire() override { return CRtDnsManager::RunThreadLookups_i(); }
+};
 
 // ---- CRtDnsObserverEvent --------------------------------------------------------------
 
@@ -140,18 +161,43 @@ int CRtDnsManager::DoCallback_l(int aError, const CRtString& aHostName) {
 // ---- The manager as an event ---------------------------------------------------------
 
 int CRtDnsManager::OnEventFire() {
-    if (!m_bIsEL98) {
-        RT_ASSERTE(CRtThreadManager::IsEqualCurrentThread(m_pThreadNetwork->GetThreadId()));
-        return CreateDnsWindow();
+    RT_ASSERTE_RETURN(!m_bIsEL98, RT_ERROR_UNEXPECTED);
+    RT_ASSERTE(CRtThreadManager::IsEqualCurrentThread(m_pThreadNetwork->GetThreadId()));
+    return CreateDnsWindow();
+}
+
+IRtEvent* CRtDnsManager::NewLookupEvent_i() {
+    return new (std::nothrow) CRtDnsLookupEvent();
+}
+
+void CRtDnsManager::SetThreadLookupTarget_i(CRtDnsManager* aManager) {
+    std::lock_guard<std::mutex> life(Life().lock);
+    Life().manager = aManager;
+}
+
+int CRtDnsManager::RunThreadLookups_i() {
+    std::unique_lock<std::mutex> life(Life().lock);
+    CRtDnsManager* self = Life().manager;
+    if (!self) {
+        return RT_ERROR_NOT_AVAILABLE;
     }
-    RT_ASSERTE(CRtThreadManager::IsEqualCurrentThread(m_pThreadDNS->GetThreadId()));
+    RT_ASSERTE(CRtThreadManager::IsEqualCurrentThread(self->m_pThreadDNS->GetThreadId()));
     // One event works off the whole queue; later ones may find it empty.
-    CRtMutexGuardT<CRtMutexThread> guard(m_Mutex);
-    while (!m_PendingRecords.empty()) {
-        RecordPtr record = m_PendingRecords.front();
-        int err = DoGetHostByName_l(record.Get());
-        Resolved_l(record.Get(), err, TRUE);
+    self->m_Mutex.Lock();
+    while (!self->m_PendingRecords.empty()) {
+        RecordPtr record = self->m_PendingRecords.front();
+        self->PrepareLookup_l(record.Get());
+        self->m_Mutex.UnLock();
+        life.unlock();
+        int err = LookUp_i(record.Get());
+        life.lock();
+        if (Life().manager != self) {
+            return RT_ERROR_NOT_AVAILABLE;  // the record goes with our reference
+        }
+        self->m_Mutex.Lock();
+        self->Resolved_l(record.Get(), err, TRUE);
     }
+    self->m_Mutex.UnLock();
     return RT_OK;
 }
 

@@ -166,7 +166,8 @@ public:
     void OnTimer(CRtTimerWrapper* aId) override;
 
     // Window mode: sent to the network thread to create the window there.
-    // Thread mode: posted to the DNS thread to work off the pending lookups.
+    // (Thread mode posts a small event of its own to the DNS thread, which
+    // may outlive the manager.)
     int OnEventFire() override;
     // The manager outlives every queue it is posted to; nothing to release.
     void OnDestorySelf() override;
@@ -188,6 +189,7 @@ protected:
 private:
     friend class CRtSingletonT<CRtDnsManager>;
     friend class CRtDnsObserverEvent;
+    friend class CRtDnsLookupEvent;
 
     typedef CRtAutoPtr<CRtDnsRecord> RecordPtr;
     typedef std::map<CRtString, RecordPtr> CacheRecordsType;
@@ -205,6 +207,13 @@ private:
     int BeginResolve_l(CRtDnsRecord* aRecord);
     int DoAsyncHostByName_l(CRtDnsRecord* aRecord);
     int DoGetHostByName_l(CRtDnsRecord* aRecord);
+    // The two halves of a blocking lookup: marking the record under the lock,
+    // and the lookup itself, which needs neither the lock nor the manager.
+    void PrepareLookup_l(CRtDnsRecord* aRecord);
+    static int LookUp_i(CRtDnsRecord* aRecord);
+    static IRtEvent* NewLookupEvent_i();
+    // Who the DNS thread's lookups work for: the manager, or null once it goes.
+    static void SetThreadLookupTarget_i(CRtDnsManager* aManager);
     // Finishes a queued lookup: cached, out of the queue, observers told when
     // aCallback is set.
     int Resolved_l(CRtDnsRecord* aRecord, int aError, int aCallback);
@@ -220,6 +229,9 @@ private:
                          const CRtString& aHostName);
     int DoCallback_l(int aError, const CRtString& aHostName);
     int SpawnDnsThread_l();
+    // Thread mode, on the DNS thread: works off the waiting lookups, unless
+    // the manager is gone, which it may be when a lookup comes back.
+    static int RunThreadLookups_i();
     int CreateDnsWindow();
     static intptr_t DnsEventWndProc(rtos::WindowHandle aHwnd, uint32_t aMsg, uintptr_t aWParam,
                                     intptr_t aLParam);
