@@ -8,6 +8,8 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "stress/stress_common.h"
 
@@ -140,6 +142,46 @@ std::string OwnerParamName(const ::testing::TestParamInfo<Owner>& aInfo) {
 }
 
 }  // namespace
+
+// Enough posts that the queue needs storage of its own for them. Disabled:
+// PostEvent lets std::bad_alloc from its queue escape, and the event is lost.
+TEST_P(AllocFaults, DISABLED_PostingRefusesOrDeliversEveryEvent) {
+    OwnerThread owner(GetParam());
+    ASSERT_TRUE(owner.Get());
+    const int kEvents = 200;
+    long injected = Sweep([&](long aN) {
+        std::vector<std::atomic<int>> fired(kEvents), released(kEvents);
+        std::vector<ProbeEvent*> events;
+        for (int i = 0; i < kEvents; ++i) {
+            events.push_back(new ProbeEvent(&fired[i], &released[i]));
+        }
+        std::vector<int> rv(kEvents, -1);
+        // The owner is held, so that the posts pile up.
+        std::atomic<bool> letGo{false};
+        owner.Queue()->PostEvent(new FnEvent([&] {
+            while (!letGo) {
+                std::this_thread::yield();
+            }
+            return RT_OK;
+        }));
+        FailNth fail(aN);
+        fail.Armed([&] {
+            for (int i = 0; i < kEvents; ++i) {
+                rv[i] = owner.Queue()->PostEvent(events[i]);
+            }
+        });
+        letGo = true;
+        EXPECT_EQ(owner.Queue()->SendEvent(new FnEvent([] { return RT_OK; })), RT_OK);
+        for (int i = 0; i < kEvents; ++i) {
+            EXPECT_TRUE(rv[i] == RT_OK || rv[i] == RT_ERROR_OUT_OF_MEMORY)
+                << "n=" << aN << " event " << i << " rv=" << rv[i];
+            EXPECT_EQ(fired[i].load(), rv[i] == RT_OK ? 1 : 0) << "n=" << aN << " event " << i;
+            EXPECT_EQ(released[i].load(), 1) << "n=" << aN << " event " << i;
+        }
+        return fail.Injected();
+    });
+    Figure("posting_failures_injected", injected);
+}
 
 // Disabled: a send whose wrapper cannot make its kernel event runs the event,
 // answers RT_ERROR_FAILURE and leaves the owner hanging when it ends.
