@@ -300,7 +300,17 @@ INSTANTIATE_TEST_SUITE_P(Owners, AllocFaults,
                          ::testing::Values(Owner::Task, Owner::TimerTask, Owner::Reactor),
                          OwnerParamName);
 
-TEST(AllocFaultsMessageBlock, DuplicatingAChainGivesACopyOrNothingAndLeaksNothing) {
+namespace {
+
+std::string Text(CRtMessageBlock* aChain) {
+    std::string text(aChain->GetChainedLength(), '\0');
+    aChain->Read(&text[0], static_cast<unsigned long>(text.size()), nullptr, FALSE);
+    return text;
+}
+
+}  // namespace
+
+TEST(AllocFaultsMessageBlock, DuplicatingAndSplittingGiveACopyOrNothingAndLeakNothing) {
     char caller[] = "caller memory";
     long injected = Sweep([&](long aN) {
         // A chain of a data block, caller memory (copied when duplicated) and
@@ -317,16 +327,21 @@ TEST(AllocFaultsMessageBlock, DuplicatingAChainGivesACopyOrNothingAndLeaksNothin
 
         CRtMessageBlock* dupChain = nullptr;
         CRtMessageBlock* dupTop = nullptr;
+        CRtMessageBlock* rest = nullptr;
         FailNth fail(aN);
         fail.Armed([&] {
             dupChain = head->DuplicateChained();
             dupTop = middle->DuplicateTopLevel();
+            rest = dupChain ? dupChain->Disjoint(20) : nullptr;  // inside the middle block
         });
         if (dupChain) {
-            std::string got(dupChain->GetChainedLength(), '\0');
-            dupChain->Read(&got[0], got.size(), nullptr, FALSE);
-            EXPECT_EQ(got, whole) << "n=" << aN;
+            // A failed split leaves the duplicate whole.
+            EXPECT_EQ(Text(dupChain), rest ? whole.substr(0, 20) : whole) << "n=" << aN;
             dupChain->DestroyChained();
+        }
+        if (rest) {
+            EXPECT_EQ(Text(rest), whole.substr(20)) << "n=" << aN;
+            rest->DestroyChained();
         }
         if (dupTop) {
             EXPECT_EQ(std::string(dupTop->GetTopLevelReadPtr(), dupTop->GetTopLevelLength()),
