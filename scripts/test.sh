@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs the whole test suite.
-# KVT_SANITIZE selects a sanitizer flavour (see scripts/build.sh).
+# KVT_SANITIZE selects a sanitizer flavour (see scripts/build.sh); arguments go
+# to ctest, e.g. `-L stress` for the stress programs alone. KVT_STRESS_SCALE
+# sizes the stress programs (README, Reliability).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -12,4 +14,4 @@ export XDG_DATA_HOME="$PWD/$builddir/test-data/share"
 args=(--test-dir "$builddir" --output-on-failure -j"$(nproc)")
 # The installed-library check links host programs without sanitizer runtimes.
 [ -n "${KVT_SANITIZE:-}" ] && args+=(-LE install)
-ctest "${args[@]}"
+ctest "${args[@]}" "$@"
