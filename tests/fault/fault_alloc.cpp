@@ -143,9 +143,8 @@ std::string OwnerParamName(const ::testing::TestParamInfo<Owner>& aInfo) {
 
 }  // namespace
 
-// Enough posts that the queue needs storage of its own for them. Disabled:
-// PostEvent lets std::bad_alloc from its queue escape, and the event is lost.
-TEST_P(AllocFaults, DISABLED_PostingRefusesOrDeliversEveryEvent) {
+// Enough posts that the queue needs storage of its own for them.
+TEST_P(AllocFaults, PostingRefusesOrDeliversEveryEvent) {
     OwnerThread owner(GetParam());
     ASSERT_TRUE(owner.Get());
     const int kEvents = 200;
@@ -183,9 +182,8 @@ TEST_P(AllocFaults, DISABLED_PostingRefusesOrDeliversEveryEvent) {
     Figure("posting_failures_injected", injected);
 }
 
-// Disabled: a send whose wrapper cannot make its kernel event runs the event,
-// answers RT_ERROR_FAILURE and leaves the owner hanging when it ends.
-TEST_P(AllocFaults, DISABLED_PostingAndSendingRefuseOrDeliverEveryEvent) {
+// A send whose wrapper cannot make its kernel event must not run the event.
+TEST_P(AllocFaults, PostingAndSendingRefuseOrDeliverEveryEvent) {
     OwnerThread owner(GetParam());
     ASSERT_TRUE(owner.Get());
     const int kEvents = 4;  // three posts, then a send
@@ -221,8 +219,7 @@ TEST_P(AllocFaults, DISABLED_PostingAndSendingRefuseOrDeliverEveryEvent) {
     Figure("posting_failures_injected", injected);
 }
 
-// Disabled: ScheduleTimer lets std::bad_alloc from its node storage escape.
-TEST_P(AllocFaults, DISABLED_SchedulingATimerFailsCleanlyOrFiresOnce) {
+TEST_P(AllocFaults, SchedulingATimerFailsCleanlyOrFiresOnce) {
     if (GetParam() == Owner::Task) {
         GTEST_SKIP() << "no timer queue";
     }
@@ -262,9 +259,8 @@ TEST_P(AllocFaults, DISABLED_SchedulingATimerFailsCleanlyOrFiresOnce) {
     Figure("timer_failures_injected", injected);
 }
 
-// Disabled: std::bad_alloc from a thread object's event queue escapes the
-// nothrow construction in CreateUserTaskThread and CreateReactorThread.
-TEST_P(AllocFaults, DISABLED_CreatingAThreadFailsCleanlyOrGivesAWorkingThread) {
+// A thread object's members allocate in their constructors too.
+TEST_P(AllocFaults, CreatingAThreadFailsCleanlyOrGivesAWorkingThread) {
     long injected = Sweep([&](long aN) {
         CRtThreadManager* mgr = CRtThreadManager::Instance();
         CRtThread* thread = nullptr;

@@ -11,6 +11,7 @@
 #include <new>
 
 #include "rtdnsmanager.h"
+#include "rtnothrow.h"
 #include "rtos.h"
 #include "rtosfile.h"
 #include "rtosnet.h"
@@ -146,7 +147,7 @@ CRtDnsManager::~CRtDnsManager() {
 }
 
 CRtDnsRecord* CRtDnsManager::NewRecord_i(const CRtString& aHostName) {
-    CRtDnsRecord* record = new (std::nothrow) CRtDnsRecord(aHostName, m_bIsEL98);
+    CRtDnsRecord* record = RtNewNoThrow<CRtDnsRecord>(aHostName, m_bIsEL98);
     if (!record) {
         RT_ERROR_TRACE("CRtDnsManager::NewRecord_i, out of memory. aHostName=" << aHostName
                                                                                << " this=" << this);

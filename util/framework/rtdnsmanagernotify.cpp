@@ -12,6 +12,7 @@
 #include <new>
 
 #include "rtdnsmanager.h"
+#include "rtnothrow.h"
 #include "rtos.h"
 #include "rtosnet.h"
 #include "rtoswindow.h"
@@ -144,7 +145,7 @@ int CRtDnsManager::DoCallback_l(int aError, const CRtString& aHostName) {
         if (!queue) {
             continue;  // the registration stays; nobody can deliver it
         }
-        CRtDnsObserverEvent* event = new (std::nothrow) CRtDnsObserverEvent(entry);
+        CRtDnsObserverEvent* event = RtNewNoThrow<CRtDnsObserverEvent>(entry);
         if (!event) {
             RT_ERROR_TRACE("CRtDnsManager::DoCallback_l, out of memory. aObserver="
                            << entry.m_pObserver << " this=" << this);

@@ -1,6 +1,8 @@
 // Events, the event queue logic and the two locked queues.
 #include "rteventqueuebase.h"
 
+#include <new>
+
 #include "rtdebug.h"
 #include "rtthreadmanager.h"
 
@@ -39,7 +41,14 @@ int CRtEventQueueBase::PostEvent(IRtEvent* aEvent, EPriority aPri) {
         return RT_ERROR_NOT_INITIALIZED;
     }
 
-    m_Events.push_back(aEvent);
+    try {
+        m_Events.push_back(aEvent);
+    } catch (const std::bad_alloc&) {
+        RT_ERROR_TRACE("CRtEventQueueBase::PostEvent, out of memory. m_dwSize="
+                       << m_dwSize.load(std::memory_order_relaxed));
+        aEvent->OnDestorySelf();
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
     uint32_t size = m_dwSize.load(std::memory_order_relaxed) + 1;
     m_dwSize.store(size, std::memory_order_relaxed);
 
@@ -73,6 +82,12 @@ int CRtEventQueueBase::SendEvent(IRtEvent* aEvent) {
     CRtEventSync* pSync = new (std::nothrow) CRtEventSync(aEvent, this);
     if (!pSync) {
         aEvent->OnDestorySelf();
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
+    if (!pSync->m_SendEvent.GetHandle()) {
+        // Without its kernel event the sender could never learn the result:
+        // refuse before the event can run. The wrapper releases it.
+        delete pSync;
         return RT_ERROR_OUT_OF_MEMORY;
     }
     int rv = PostEvent(pSync, EPRIORITY_NORMAL);
@@ -316,7 +331,7 @@ CRtEventSync::~CRtEventSync() {
         m_pEventPost->OnDestorySelf();
         m_pEventPost = nullptr;
     }
-    if (!m_bPostDestroyed.load(std::memory_order_acquire)) {
+    if (!m_bPostDestroyed.load(std::memory_order_acquire) && m_SendEvent.GetHandle()) {
         m_SendEvent.Signal();
     }
 }

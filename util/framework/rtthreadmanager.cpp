@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "rtdebug.h"
+#include "rtnothrow.h"
 #include "rtdnsmanager.h"
 #include "rtos.h"
 #include "rtreactorwin32message.h"
@@ -132,12 +133,12 @@ int CRtThreadManager::InitMainThread(int aArgc, char** aArgv) {
     }
     DeleteOutOfDateLog();
 
-    IRtReactor* pReactor = new (std::nothrow) CRtReactorWin32Message();
+    IRtReactor* pReactor = RtNewNoThrow<CRtReactorWin32Message>();
     CRtThread* pMain = nullptr;
     if (pReactor) {
         rv = CreateReactorThread(TT_MAIN, pReactor, pMain);
     } else {
-        pMain = new (std::nothrow) CRtThreadTask();
+        pMain = RtNewNoThrow<CRtThreadTask>();
         rv = pMain ? pMain->Create(TT_MAIN, TF_JOINABLE) : RT_ERROR_OUT_OF_MEMORY;
     }
     if (RT_FAILED(rv)) {
@@ -165,14 +166,14 @@ int CRtThreadManager::SpawnNetworkThread_i() {
 }
 
 IRtReactor* CRtThreadManager::CreateNetworkReactor() {
-    return new (std::nothrow) CRtReactorWin32AsyncSelect();
+    return RtNewNoThrow<CRtReactorWin32AsyncSelect>();
 }
 
 int CRtThreadManager::CreateReactorThread(int aType, IRtReactor* aReactor, CRtThread*& aThread) {
     RT_ASSERTE_RETURN(aReactor, RT_ERROR_INVALID_ARG);
     RT_ASSERTE(!aThread);
 
-    CRtThreadReactor* pThread = new (std::nothrow) CRtThreadReactor();
+    CRtThreadReactor* pThread = RtNewNoThrow<CRtThreadReactor>();
     if (!pThread) {
         delete aReactor;
         return RT_ERROR_OUT_OF_MEMORY;
@@ -195,9 +196,8 @@ int CRtThreadManager::CreateReactorThread(int aType, IRtReactor* aReactor, CRtTh
 
 int CRtThreadManager::CreateUserTaskThread(CRtThread*& aThread, TFlag aFlag, int bWithTimerQueue) {
     RT_ASSERTE(!aThread);
-    CRtThread* pThread = bWithTimerQueue
-                             ? static_cast<CRtThread*>(new (std::nothrow) CRtThreadTask())
-                             : new (std::nothrow) CRtThreadTaskWithEventQueueOnly();
+    CRtThread* pThread = bWithTimerQueue ? static_cast<CRtThread*>(RtNewNoThrow<CRtThreadTask>())
+                                         : RtNewNoThrow<CRtThreadTaskWithEventQueueOnly>();
     RT_ASSERTE_RETURN(pThread, RT_ERROR_OUT_OF_MEMORY);
 
     int rv = pThread->Create(GetAndIncreamUserType(), aFlag);

@@ -92,6 +92,9 @@ int CRtTimerQueueBase::ScheduleTimer(IRtTimerHandler* aEh, void* aToken,
     if (nRet == 0) {
         return RT_OK;
     }
+    if (nRet == kNoMemory) {
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
     return nRet == 1 ? RT_ERROR_FOUND : RT_ERROR_FAILURE;
 }
 

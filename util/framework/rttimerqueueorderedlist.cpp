@@ -42,11 +42,15 @@ uint32_t CRtTimerQueueOrderedList::CHandlerIndex::Find(const IRtTimerHandler* aE
     }
 }
 
-void CRtTimerQueueOrderedList::CHandlerIndex::Insert(IRtTimerHandler* aEh, uint32_t aSlot) {
+void CRtTimerQueueOrderedList::CHandlerIndex::MakeRoom() {
     // At most half full, so probe runs stay short and a free entry always exists.
     if ((m_dwSize + 1) * 2 > m_Entries.size()) {
         Grow();
     }
+}
+
+void CRtTimerQueueOrderedList::CHandlerIndex::Insert(IRtTimerHandler* aEh, uint32_t aSlot) {
+    MakeRoom();
     size_t dwMask = m_Entries.size() - 1;
     size_t i = Home(aEh);
     while (m_Entries[i].m_pEh) {
@@ -88,10 +92,10 @@ uint32_t CRtTimerQueueOrderedList::CHandlerIndex::Erase(const IRtTimerHandler* a
 }
 
 void CRtTimerQueueOrderedList::CHandlerIndex::Grow() {
-    std::vector<CEntry> old;
+    size_t dwCapacity = m_Entries.empty() ? 16 : m_Entries.size() * 2;
+    // Allocated before anything changes, so a failure leaves the index whole.
+    std::vector<CEntry> old(dwCapacity, CEntry{nullptr, 0});
     old.swap(m_Entries);
-    size_t dwCapacity = old.empty() ? 16 : old.size() * 2;
-    m_Entries.assign(dwCapacity, CEntry{nullptr, 0});
     m_nShift = 64;
     for (size_t n = dwCapacity; n > 1; n >>= 1) {
         --m_nShift;
@@ -236,8 +240,42 @@ bool CRtTimerQueueOrderedList::Store_i(const CNode& aNode) {
     return false;
 }
 
+namespace {
+
+// Room for one more element, growing geometrically as push_back would.
+template <class V>
+void RoomForOneMore(V& aVector, size_t aSize) {
+    if (aSize >= aVector.capacity()) {
+        aVector.reserve(std::max<size_t>(16, aVector.capacity() * 2));
+    }
+}
+
+}  // namespace
+
+bool CRtTimerQueueOrderedList::MakeRoom_i() {
+    // Every allocation a new timer may need happens here, before anything
+    // changes; popping and erasing never allocate after it.
+    try {
+        RoomForOneMore(m_Nodes, m_Nodes.size());
+        if (m_FreeSlots.empty()) {
+            RoomForOneMore(m_Slots, m_Slots.size());
+            RoomForOneMore(m_HeapPos, m_HeapPos.size());
+        }
+        RoomForOneMore(m_FreeSlots, m_Slots.size());
+        m_Index.MakeRoom();
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 int CRtTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     RT_ASSERTE_RETURN(aNode.m_pEh, -1);
+    if (!MakeRoom_i()) {
+        RT_ERROR_TRACE("CRtTimerQueueOrderedList::PushNode_l, out of memory. size="
+                       << m_Nodes.size() << " this=" << this);
+        return kNoMemory;
+    }
     return Store_i(aNode) ? 1 : 0;
 }
 

@@ -86,8 +86,9 @@ public:
 protected:
     // The storage, called with the guard held.
     // Inserts aNode, replacing the node of the same handler: 0 if there was
-    // none, 1 if one was replaced.
+    // none, 1 if one was replaced, kNoMemory (nothing changed) without memory.
     virtual int PushNode_l(const CNode& aNode) = 0;
+    static constexpr int kNoMemory = -2;
     // Removes aEh's node: 0, or 1 if there was none.
     virtual int EraseNode_l(IRtTimerHandler* aEh) = 0;
     // Inserts a node whose handler is known to be absent: 0.

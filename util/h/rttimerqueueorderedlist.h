@@ -51,7 +51,9 @@ private:
     public:
         uint32_t Find(const IRtTimerHandler* aEh) const;    // kNone if absent
         void Insert(IRtTimerHandler* aEh, uint32_t aSlot);  // aEh must be absent
-        uint32_t Erase(const IRtTimerHandler* aEh);         // the slot, or kNone
+        // Grows for one more handler now; may throw std::bad_alloc.
+        void MakeRoom();
+        uint32_t Erase(const IRtTimerHandler* aEh);  // the slot, or kNone
 
     private:
         struct CEntry {
@@ -74,6 +76,8 @@ private:
     // Stores aNode in a new slot (its handler absent) or over its handler's
     // slot; true if it replaced one.
     bool Store_i(const CNode& aNode);
+    // Reserves what one more timer needs; false without memory.
+    bool MakeRoom_i();
     uint32_t NextSeq_i();
     void Renumber_i();
     void Place_i(size_t aPos, const CHeapEntry& aEntry) {
