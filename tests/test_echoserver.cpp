@@ -1,0 +1,289 @@
+// The example echo server, run as a process: it echoes to many clients at once,
+// survives rude peers, drops one that never reads, refuses bad arguments and
+// exits 0 on SIGINT or SIGTERM.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+#ifdef KVT_ECHO_SERVER
+const char* const kServer = KVT_ECHO_SERVER;
+#else
+const char* const kServer = nullptr;
+#endif
+
+// Generous: sanitizer builds on a loaded 2-core machine.
+const int kTimeoutMs = 60000;
+
+// kvt_echo_server as a child process; its stdout and stderr go to one pipe.
+class ServerProcess {
+public:
+    explicit ServerProcess(std::vector<std::string> aArgs) {
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) != 0) {
+            return;
+        }
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
+        aArgs.insert(aArgs.begin(), kServer);
+        std::vector<char*> argv;
+        for (std::string& a : aArgs) {
+            argv.push_back(&a[0]);
+        }
+        argv.push_back(nullptr);
+        if (posix_spawn(&m_pid, kServer, &actions, nullptr, argv.data(), environ) != 0) {
+            m_pid = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(fds[1]);
+        m_out = fds[0];
+    }
+    ~ServerProcess() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        if (m_out >= 0) {
+            ::close(m_out);
+        }
+    }
+
+    // The port from the "listening on" line, or 0 when the server did not
+    // get that far.
+    uint16_t WaitListening() {
+        const std::string mark = "listening on 127.0.0.1:";
+        while (m_output.find('\n') == std::string::npos && ReadSome()) {
+        }
+        size_t at = m_output.find(mark);
+        return at == std::string::npos
+                   ? 0
+                   : static_cast<uint16_t>(std::stoi(m_output.substr(at + mark.size())));
+    }
+
+    // Everything the process printed, once it has exited; aStatus receives
+    // its wait status.
+    std::string Finish(int* aStatus) {
+        while (ReadSome()) {
+        }
+        *aStatus = -1;
+        if (m_pid > 0 && ::waitpid(m_pid, aStatus, 0) == m_pid) {
+            m_pid = -1;
+        }
+        return m_output;
+    }
+
+    pid_t Pid() const { return m_pid; }
+
+private:
+    // False at the end of the output or after kTimeoutMs without any.
+    bool ReadSome() {
+        pollfd p{m_out, POLLIN, 0};
+        char buf[4096];
+        if (::poll(&p, 1, kTimeoutMs) != 1) {
+            return false;
+        }
+        ssize_t n = ::read(m_out, buf, sizeof(buf));
+        if (n <= 0) {
+            return false;
+        }
+        m_output.append(buf, static_cast<size_t>(n));
+        return true;
+    }
+
+    pid_t m_pid = -1;
+    int m_out = -1;
+    std::string m_output;
+};
+
+int Connect(uint16_t aPort) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval limit{kTimeoutMs / 1000, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(aPort);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool SendAll(int aFd, const std::string& aData) {
+    for (size_t done = 0; done < aData.size();) {
+        ssize_t n = ::send(aFd, aData.data() + done, aData.size() - done, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string RecvExactly(int aFd, size_t aCount) {
+    std::string got(aCount, '\0');
+    size_t done = 0;
+    while (done < aCount) {
+        ssize_t n = ::recv(aFd, &got[done], aCount - done, 0);
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    got.resize(done);
+    return got;
+}
+
+std::string Payload(size_t aSize, unsigned aSeed) {
+    std::string s(aSize, '\0');
+    for (size_t i = 0; i < aSize; ++i) {
+        s[i] = static_cast<char>(i * 7 + (i >> 9) + aSeed);
+    }
+    return s;
+}
+
+class EchoServerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!kServer) {
+            GTEST_SKIP() << "built without the examples";
+        }
+    }
+};
+
+}  // namespace
+
+TEST_F(EchoServerTest, EchoesManyClientsAtOnceSurvivesRudePeersAndStopsOnEitherSignal) {
+    for (int sig : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(sig == SIGTERM ? "SIGTERM" : "SIGINT");
+        ServerProcess server({"127.0.0.1", "0"});
+        uint16_t port = server.WaitListening();
+        ASSERT_NE(port, 0);
+
+        // Each client writes 1 MiB before reading anything back, so the server
+        // meets full socket buffers and finishes its writes later.
+        const int kClients = 16;
+        std::vector<std::string> results(kClients);
+        std::vector<std::thread> clients;
+        for (int c = 0; c < kClients; ++c) {
+            clients.emplace_back([&, c] {
+                int fd = Connect(port);
+                if (fd < 0) {
+                    return;
+                }
+                std::string data = "hello " + std::to_string(c) + "\n" + Payload(1 << 20, c);
+                if (c % 4 == 3) {
+                    // Rude: sends, then resets without reading its echo.
+                    SendAll(fd, data.substr(0, 300000));
+                    linger hard{1, 0};
+                    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+                    results[c] = "reset";
+                } else if (SendAll(fd, data)) {
+                    results[c] = RecvExactly(fd, data.size()) == data ? "ok" : "wrong echo";
+                }
+                ::close(fd);
+            });
+        }
+        for (std::thread& t : clients) {
+            t.join();
+        }
+        for (int c = 0; c < kClients; ++c) {
+            EXPECT_EQ(results[c], c % 4 == 3 ? "reset" : "ok") << "client " << c;
+        }
+
+        // A client still connected when the signal arrives.
+        int idle = Connect(port);
+        ASSERT_GE(idle, 0);
+        ASSERT_TRUE(SendAll(idle, "still here\n"));
+        EXPECT_EQ(RecvExactly(idle, 11), "still here\n");
+        ASSERT_EQ(::kill(server.Pid(), sig), 0);
+        int status = 0;
+        std::string out = server.Finish(&status);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << out;
+        EXPECT_NE(out.find(std::string("stopped by ") + (sig == SIGTERM ? "SIGTERM" : "SIGINT") +
+                           "; " + std::to_string(kClients + 1) + " connection(s)"),
+                  std::string::npos)
+            << out;
+        EXPECT_EQ(RecvExactly(idle, 1), "");  // closed by the server on its way out
+        ::close(idle);
+    }
+}
+
+TEST_F(EchoServerTest, APeerThatNeverReadsIsDroppedAndOthersAreServed) {
+    ServerProcess server({"127.0.0.1", "0"});
+    uint16_t port = server.WaitListening();
+    ASSERT_NE(port, 0);
+    int hog = Connect(port);
+    ASSERT_GE(hog, 0);
+    // Far more than the server keeps for one peer plus every socket buffer.
+    const std::string chunk = Payload(1 << 20, 1);
+    bool refused = false;
+    for (int i = 0; i < 256 && !refused; ++i) {
+        refused = !SendAll(hog, chunk);
+    }
+    EXPECT_TRUE(refused);
+    ::close(hog);
+
+    int polite = Connect(port);
+    ASSERT_GE(polite, 0);
+    ASSERT_TRUE(SendAll(polite, "ping\n"));
+    EXPECT_EQ(RecvExactly(polite, 5), "ping\n");
+    ::close(polite);
+    ASSERT_EQ(::kill(server.Pid(), SIGTERM), 0);
+    int status = 0;
+    std::string out = server.Finish(&status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+}
+
+TEST_F(EchoServerTest, RefusesBadArgumentsAndAnAddressInUse) {
+    struct Case {
+        std::vector<std::string> args;
+        int exitCode;
+        const char* says;
+    };
+    const Case cases[] = {
+        {{"not-an-address"}, 2, "usage:"},  {{"127.0.0.1", "70000"}, 2, "usage:"},
+        {{"127.0.0.1", "7x"}, 2, "usage:"}, {{"127.0.0.1", "1", "2"}, 2, "usage:"},
+        {{"--help"}, 0, "usage:"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args[0]);
+        ServerProcess server(c.args);
+        int status = 0;
+        std::string out = server.Finish(&status);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode) << status;
+        EXPECT_NE(out.find(c.says), std::string::npos) << out;
+    }
+
+    ServerProcess first({"127.0.0.1", "0"});
+    uint16_t port = first.WaitListening();
+    ASSERT_NE(port, 0);
+    ServerProcess second({"127.0.0.1", std::to_string(port)});
+    int status = 0;
+    std::string out = second.Finish(&status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_NE(
+        out.find("cannot listen on 127.0.0.1:" + std::to_string(port) + ": Address already in use"),
+        std::string::npos)
+        << out;
+}
