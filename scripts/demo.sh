@@ -4,4 +4,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 builddir=$(bash scripts/build.sh | tail -n 1)
-"$builddir/examples/kvt_demo" "$@"
+# From examples/, so that the demo reads examples/conf/kvtix.ini.
+cd examples
+"../$builddir/examples/kvt_demo" "$@"
