@@ -9,6 +9,7 @@
 #include <stdlib.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -141,17 +142,28 @@ std::atomic<bool> g_failRecords{false};
 
 }  // namespace
 
-// The manager allocates records with the non-throwing new; this one refuses
-// record-sized blocks on request and otherwise does what the default does.
-void* operator new(std::size_t aSize, const std::nothrow_t&) noexcept {
+// Refuses record-sized blocks on request and otherwise allocates as usual.
+// The deletes are replaced with it, so that they match its malloc.
+void* operator new(std::size_t aSize) {
     if (g_failRecords.load() && aSize == sizeof(CRtDnsRecord)) {
-        return nullptr;
+        throw std::bad_alloc();
     }
-    try {
-        return ::operator new(aSize);
-    } catch (...) {
-        return nullptr;
+    if (void* p = std::malloc(aSize ? aSize : 1)) {
+        return p;
     }
+    throw std::bad_alloc();
+}
+namespace {
+// Out of line, so that the compiler does not pair the free with a new.
+[[gnu::noinline]] void FreeBlock(void* aPtr) noexcept {
+    std::free(aPtr);
+}
+}  // namespace
+void operator delete(void* aPtr) noexcept {
+    FreeBlock(aPtr);
+}
+void operator delete(void* aPtr, std::size_t) noexcept {
+    FreeBlock(aPtr);
 }
 
 namespace {
@@ -382,7 +394,6 @@ TEST_P(DnsManager, ARecordThatCannotBeAllocatedFailsWithoutHarm) {
     Finish(RT_OK, record, nullptr);
 }
 
-// Window mode only: in thread mode the DNS thread would be inside the lookup.
 // In thread mode the DNS thread is stuck in the lookup past its join: it comes
 // back after the manager is gone and must touch nothing.
 class DnsManagerShutdown : public DnsManager {};

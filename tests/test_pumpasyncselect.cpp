@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "loopback_helpers.h"
 #include "rtoswindow.h"
 
 namespace {
@@ -98,29 +99,6 @@ private:
 
     rtos::WindowHandle m_wnd = nullptr;
 };
-
-sockaddr_in Loopback(uint16_t aPort) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(aPort);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
-uint16_t PortOf(int aFd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof(a);
-    ::getsockname(aFd, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
-}
-
-int Listener() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = Loopback(0);
-    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-    EXPECT_EQ(::listen(fd, 16), 0);
-    return fd;
-}
 
 int ConnectTo(uint16_t aPort, bool aBlocking = true) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (aBlocking ? 0 : SOCK_NONBLOCK), 0);

@@ -17,7 +17,10 @@
 #include <thread>
 #include <vector>
 
+#include "config_test_env.h"
+#include "loopback_helpers.h"
 #include "rtframework.h"
+#include "task_thread_helpers.h"
 #include "trace_capture.h"
 
 namespace {
@@ -96,15 +99,6 @@ public:
 private:
     std::vector<int>* m_ran;
     int m_id;
-};
-
-class FnEvent : public IRtEvent {
-public:
-    explicit FnEvent(std::function<int()> aFn) : m_fn(std::move(aFn)) {}
-    int OnEventFire() override { return m_fn(); }
-
-private:
-    std::function<int()> m_fn;
 };
 
 class FnTimer : public IRtTimerHandler {
@@ -318,43 +312,9 @@ TEST(ReactorBase, TimersNeedAnOpenReactor) {
 
 namespace {
 
-sockaddr_in Loopback(uint16_t aPort) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(aPort);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
-uint16_t PortOf(int aFd) {
-    sockaddr_in a{};
-    socklen_t len = sizeof(a);
-    ::getsockname(aFd, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
-}
-
-int Listener() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = Loopback(0);
-    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-    EXPECT_EQ(::listen(fd, 16), 0);
-    return fd;
-}
-
 int Connect(int aFd, uint16_t aPort) {
     sockaddr_in a = Loopback(aPort);
     return ::connect(aFd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-}
-
-int CountOpenFds() {
-    int n = 0;
-    if (DIR* dir = ::opendir("/proc/self/fd")) {
-        while (::readdir(dir)) {
-            ++n;
-        }
-        ::closedir(dir);
-    }
-    return n;
 }
 
 // A reactor thread of its own, ended and destroyed with the fixture, which
@@ -363,7 +323,7 @@ class ReactorThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(CRtThreadManager::Instance());
-        m_fds = CountOpenFds();
+        m_fds = OpenFdCount();
     }
     void Start(IRtReactor* aReactor) {
         ASSERT_EQ(CRtThreadManager::Instance()->CreateReactorThread(
@@ -377,7 +337,7 @@ protected:
             EXPECT_EQ(m_thread->Join(60000), RT_OK);
             m_thread->Destory(0);
         }
-        EXPECT_EQ(CountOpenFds(), m_fds);
+        EXPECT_EQ(OpenFdCount(), m_fds);
     }
     // Runs aFn on the reactor's thread and returns its result.
     int OnReactor(std::function<int()> aFn) {
@@ -442,7 +402,7 @@ TEST_F(ReactorThreadTest, AStoppedLoopEndsWithinATickAndRefusesPosts) {
     EXPECT_EQ(reactor->PostEvent(new FnEvent([] { return RT_OK; })), RT_ERROR_NOT_INITIALIZED);
     m_thread->Destory(0);
     m_thread = nullptr;
-    EXPECT_EQ(CountOpenFds(), m_fds);
+    EXPECT_EQ(OpenFdCount(), m_fds);
 }
 
 TEST_F(ReactorThreadTest, APeerThatSendsAndClosesIsReadThenClosedOnce) {

@@ -6,19 +6,7 @@
 
 #include "trace_capture.h"
 #include "rtframework.h"
-
-namespace {
-
-class FnEvent : public IRtEvent {
-public:
-    explicit FnEvent(std::function<int()> aFn) : m_fn(std::move(aFn)) {}
-    int OnEventFire() override { return m_fn(); }
-
-private:
-    std::function<int()> m_fn;
-};
-
-}  // namespace
+#include "task_thread_helpers.h"
 
 TEST(ThreadManager, InstanceAdoptsTheFirstCallerAsTheMainThreadOnce) {
     CRtThreadManager* manager = CRtThreadManager::Instance();

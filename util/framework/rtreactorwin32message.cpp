@@ -33,7 +33,8 @@ CRtReactorWin32Message* ReactorOf(rtos::WindowHandle aHwnd) {
 
 const char* const CRtReactorWin32Message::kWindowClassName = "RtWin32SocketNotification";
 
-CRtReactorWin32Message::CRtReactorWin32Message() : m_hwndNotify(nullptr), m_dwTimerId(0) {}
+CRtReactorWin32Message::CRtReactorWin32Message()
+    : m_hwndNotify(nullptr), m_dwTimerId(0), m_bEventTurnLost(0) {}
 
 CRtReactorWin32Message::~CRtReactorWin32Message() {
     RT_INFO_TRACE("CRtReactorWin32Message::~CRtReactorWin32Message m_hwndNotify="
@@ -136,6 +137,9 @@ int CRtReactorWin32Message::NotifyHandler(IRtEventHandler* aEh, IRtEventHandler:
         RT_ERROR_TRACE("CRtReactorWin32Message::NotifyHandler, PostMessage() failed! err="
                        << rtos::LastError() << " m_hwndNotify=" << static_cast<void*>(hwnd)
                        << " this=" << this);
+        if (!aEh) {
+            m_bEventTurnLost.store(1);
+        }
         return RT_ERROR_UNEXPECTED;
     }
     return RT_OK;
@@ -272,6 +276,10 @@ intptr_t CRtReactorWin32Message::Win32SocketWndProc(rtos::WindowHandle aHwnd, ui
         case rtos::kWmTimer: {
             CRtReactorWin32Message* pReactor = ReactorOf(aHwnd);
             RT_ASSERTE_RETURN(pReactor, 0);
+            if (pReactor->m_bEventTurnLost.exchange(0)) {
+                pReactor->ProcessHandleEvent(RtInvalidHandle(), IRtEventHandler::EVENTQUEUE_MASK, 0,
+                                             TRUE, FALSE);
+            }
             pReactor->ProcessTimerTick();
             return rtos::WindowDefProc(aHwnd, aMsg, aWParam, aLParam);
         }

@@ -63,6 +63,10 @@ protected:
     // Written on the owner thread, read by posters on any thread.
     std::atomic<rtos::WindowHandle> m_hwndNotify;
     uintptr_t m_dwTimerId;
+    // Set when an event-queue wake-up could not be posted; the next tick runs
+    // the turn instead, so queued events never wait for a post that will not
+    // come (a queue that is not empty sends no further wake-ups).
+    std::atomic<int> m_bEventTurnLost;
 
 private:
     void OnSocketSelect_i(uintptr_t aWParam, intptr_t aLParam);

@@ -139,19 +139,30 @@ Pump::~Pump() {
 // ---- Posting ------------------------------------------------------------------
 
 bool Pump::Post(const Message& aMsg) {
-    if (t_pump == this) {
-        // The owner needs no lock, and no wake-up while it is in a dispatch: it
-        // takes messages again before it next waits.
-        m_own.push_back(Item{aMsg, -1, 0});
-        if (m_dispatchDepth == 0) {
-            Wake();
+    // Without memory the message is dropped, as a full queue drops it on Windows.
+    try {
+        if (t_pump == this) {
+            // The owner needs no lock, and no wake-up while it is in a dispatch:
+            // it takes messages again before it next waits.
+            m_own.push_back(Item{aMsg, -1, 0});
+            if (m_dispatchDepth == 0) {
+                Wake();
+            }
+            return true;
         }
-        return true;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
     }
     bool write;
     {
         std::lock_guard<std::mutex> lock(m_lock);
-        m_shared.push_back(Item{aMsg, -1, 0});
+        try {
+            m_shared.push_back(Item{aMsg, -1, 0});
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+            return false;
+        }
         write = !m_wakePending;
         m_wakePending = true;
     }
