@@ -77,7 +77,11 @@ int CRtThread::Create(int aType, CRtThreadManager::TFlag aFlag) {
         CRtThreadManager::Instance();
         RT_ASSERTE(!m_pEvent4Start);
         m_pEvent4Start = new (std::nothrow) CRtEventThread();
-        if (!m_pEvent4Start) {
+        if (!m_pEvent4Start || !m_pEvent4Start->GetHandle()) {
+            // Without its kernel event the start could not be waited for, and
+            // the new thread would signal an event already deleted.
+            delete m_pEvent4Start;
+            m_pEvent4Start = nullptr;
             return RT_ERROR_OUT_OF_MEMORY;
         }
         // The new thread records its own id; the platform's copy is not needed.

@@ -221,7 +221,12 @@ int CRtThreadManager::RegisterThread(CRtThread* aThread) {
             return RT_ERROR_FOUND;
         }
     }
-    m_Threads.push_back(aThread);
+    try {
+        m_Threads.push_back(aThread);
+    } catch (const std::bad_alloc&) {
+        RT_ERROR_TRACE("CRtThreadManager::RegisterThread, out of memory. aThread=" << aThread);
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
     return RT_OK;
 }
 
