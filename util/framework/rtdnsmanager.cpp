@@ -234,8 +234,15 @@ int CRtDnsManager::AsyncResolve(CRtDnsRecord*& aRecord, const CRtString& aHostNa
         return RT_ERROR_OUT_OF_MEMORY;
     }
     int rv = BeginResolve_l(record.Get());
+    if (rv == kBeginNoMemory) {
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
     if (rv == 0) {
-        TryAddObserver_l(aObserver, aThreadListener, aHostName);
+        // The lookup runs either way; without memory for the registration the
+        // caller learns that its observer will not hear of it.
+        if (TryAddObserver_l(aObserver, aThreadListener, aHostName) == RT_ERROR_OUT_OF_MEMORY) {
+            return RT_ERROR_OUT_OF_MEMORY;
+        }
         return RT_ERROR_WOULD_BLOCK;
     }
     Resolved_l(record.Get(), rv, FALSE);
@@ -317,6 +324,9 @@ int CRtDnsManager::RefreshHost(const CRtString& aHostName) {
         }
     }
     int rv = BeginResolve_l(record.Get());
+    if (rv == kBeginNoMemory) {
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
     if (rv == 0) {
         return RT_ERROR_WOULD_BLOCK;
     }
@@ -338,7 +348,13 @@ int CRtDnsManager::BeginResolve_l(CRtDnsRecord* aRecord) {
     if (FindPending_l(aRecord->m_strHostName) != m_PendingRecords.end()) {
         return 0;  // the lookup already on its way serves this request too
     }
-    m_PendingRecords.push_back(aRecord);
+    try {
+        m_PendingRecords.push_back(aRecord);
+    } catch (const std::bad_alloc&) {
+        RT_ERROR_TRACE(
+            "CRtDnsManager::BeginResolve_l, out of memory. aHostName=" << aRecord->m_strHostName);
+        return kBeginNoMemory;
+    }
     if (m_bIsEL98) {
         if (!m_pThreadDNS && RT_FAILED(SpawnDnsThread_l())) {
             return -1;
@@ -410,7 +426,13 @@ void CRtDnsManager::Finish_l(CRtDnsRecord* aRecord, int aError) {
                   << aRecord << " hostname=" << aRecord->m_strHostName << " aError=" << aError);
     aRecord->m_State = aError == 0 ? CRtDnsRecord::RSV_SUCCESS : CRtDnsRecord::RSV_FAILED;
     aRecord->m_tvResolve = CRtTimeValue::GetTimeOfDay();
-    m_CacheRecords[aRecord->m_strHostName] = aRecord;
+    try {
+        m_CacheRecords[aRecord->m_strHostName] = aRecord;
+    } catch (const std::bad_alloc&) {
+        // Only the cache misses it: the record still reaches whoever holds it.
+        RT_ERROR_TRACE("CRtDnsManager::Finish_l, out of memory, not cached. hostname="
+                       << aRecord->m_strHostName);
+    }
 }
 
 int CRtDnsManager::Resolved_l(CRtDnsRecord* aRecord, int aError, int aCallback) {

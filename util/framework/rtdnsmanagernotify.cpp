@@ -92,7 +92,12 @@ int CRtDnsManager::TryAddObserver_l(IRtObserver* aObserver, CRtThread* aThreadLi
             return RT_ERROR_FOUND;
         }
     }
-    m_Observers.push_back(CRtDnsObserverEvent(this, aObserver, aThreadListener, 0, aHostName));
+    try {
+        m_Observers.push_back(CRtDnsObserverEvent(this, aObserver, aThreadListener, 0, aHostName));
+    } catch (const std::bad_alloc&) {
+        RT_ERROR_TRACE("CRtDnsManager::TryAddObserver_l, out of memory. aObserver=" << aObserver);
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
     return RT_OK;
 }
 

@@ -204,7 +204,10 @@ private:
     CRtDnsRecord* NewRecord_i(const CRtString& aHostName);
 
     int FindInCache_l(CRtDnsRecord*& aRecord, const CRtString& aHostName);
+    // 0 when a lookup runs for the record's name, kBeginNoMemory when it could
+    // not be queued, else the error that kept it from starting.
     int BeginResolve_l(CRtDnsRecord* aRecord);
+    static constexpr int kBeginNoMemory = -2;
     int DoAsyncHostByName_l(CRtDnsRecord* aRecord);
     int DoGetHostByName_l(CRtDnsRecord* aRecord);
     // The two halves of a blocking lookup: marking the record under the lock,
