@@ -143,26 +143,52 @@ std::atomic<bool> g_failRecords{false};
 }  // namespace
 
 // Refuses record-sized blocks on request and otherwise allocates as usual.
-// The deletes are replaced with it, so that they match its malloc.
-void* operator new(std::size_t aSize) {
-    if (g_failRecords.load() && aSize == sizeof(CRtDnsRecord)) {
-        throw std::bad_alloc();
-    }
-    if (void* p = std::malloc(aSize ? aSize : 1)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
+// Every form of new and delete is replaced, so that they all meet in malloc
+// and free (a sanitizer's own operators would not match these).
 namespace {
+void* Allocate(std::size_t aSize) noexcept {
+    if (g_failRecords.load() && aSize == sizeof(CRtDnsRecord)) {
+        return nullptr;
+    }
+    return std::malloc(aSize ? aSize : 1);
+}
 // Out of line, so that the compiler does not pair the free with a new.
 [[gnu::noinline]] void FreeBlock(void* aPtr) noexcept {
     std::free(aPtr);
 }
 }  // namespace
+
+void* operator new(std::size_t aSize) {
+    if (void* p = Allocate(aSize)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t aSize) {
+    return operator new(aSize);
+}
+void* operator new(std::size_t aSize, const std::nothrow_t&) noexcept {
+    return Allocate(aSize);
+}
+void* operator new[](std::size_t aSize, const std::nothrow_t&) noexcept {
+    return Allocate(aSize);
+}
 void operator delete(void* aPtr) noexcept {
     FreeBlock(aPtr);
 }
+void operator delete[](void* aPtr) noexcept {
+    FreeBlock(aPtr);
+}
 void operator delete(void* aPtr, std::size_t) noexcept {
+    FreeBlock(aPtr);
+}
+void operator delete[](void* aPtr, std::size_t) noexcept {
+    FreeBlock(aPtr);
+}
+void operator delete(void* aPtr, const std::nothrow_t&) noexcept {
+    FreeBlock(aPtr);
+}
+void operator delete[](void* aPtr, const std::nothrow_t&) noexcept {
     FreeBlock(aPtr);
 }
 
