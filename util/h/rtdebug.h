@@ -8,6 +8,8 @@
 // An assertion traces "<file>:<line> Assert failed: <expr>" at level 0 and
 // then continues (RT_ASSERTE) or returns the given result (RT_ASSERTE_RETURN);
 // no assertion stops the process.
+//
+// Thread rules: any thread, at any time, also before the framework starts.
 #ifndef RTDEBUG_H
 #define RTDEBUG_H
 

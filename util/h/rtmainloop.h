@@ -12,8 +12,8 @@
 //     RtProcessMainLoopPending).
 // Each creates the thread manager if there is none, adopting the caller as the
 // main thread. RtStopMainLoop may be called from any thread (it never creates
-// the framework); like every
-// reactor stop it is for good: the main thread's queue refuses later posts.
+// the framework); like every reactor stop it is for good: the main thread's
+// queue refuses later posts.
 #ifndef RTMAINLOOP_H
 #define RTMAINLOOP_H
 

@@ -13,7 +13,8 @@
 // registered.
 class RT_API IRtObserver {
 public:
-    // aData is topic specific; "TimerQueue" passes null.
+    // aData is topic specific; "TimerQueue" passes null, "DnsManager" an int*
+    // holding the lookup's result code (RT_OK when the name resolved).
     virtual void OnObserve(const char* aTopic, void* aData) = 0;
 
     virtual ~IRtObserver() = default;
