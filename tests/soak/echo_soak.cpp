@@ -111,7 +111,7 @@ public:
             }
             m_sent += n > 0 ? static_cast<size_t>(n) : 0;
             // Now and then a client leaves with its message half echoed.
-            if (m_sent < m_size && m_rand() % 2000 == 0) {
+            if (m_sent < m_size && m_rand() % 300 == 0) {
                 ++aTotals.aborts;
                 Close();
                 return Connect();
