@@ -47,9 +47,6 @@ void CollectFiles(const std::string& aPath, std::vector<std::string>& aFiles) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (LLVMFuzzerInitialize) {
-        LLVMFuzzerInitialize(&argc, &argv);
-    }
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         CollectFiles(argv[i], files);
@@ -58,12 +55,18 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "replay: no inputs\n");
         return 1;
     }
+    // Read before the set-up, which may change the working directory.
+    std::vector<std::vector<uint8_t>> inputs;
     for (const std::string& file : files) {
         std::ifstream in(file, std::ios::binary);
-        std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)),
-                                  std::istreambuf_iterator<char>());
+        inputs.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    if (LLVMFuzzerInitialize) {
+        LLVMFuzzerInitialize(&argc, &argv);
+    }
+    for (const std::vector<uint8_t>& data : inputs) {
         LLVMFuzzerTestOneInput(data.data(), data.size());
     }
-    std::printf("replayed %zu input(s)\n", files.size());
+    std::printf("replayed %zu input(s)\n", inputs.size());
     return 0;
 }
