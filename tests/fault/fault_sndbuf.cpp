@@ -64,12 +64,13 @@ public:
         done = true;
         return -1;  // nothing more to write: off the reactor
     }
-    int OnClose(void*, MASK) override { return 0; }
+    int OnClose(void*, MASK) override { return ++closes, 0; }
 
     std::atomic<long> wouldBlock{0};
     std::atomic<long> partial{0};
     std::atomic<int> failed{0};
     std::atomic<bool> done{false};
+    std::atomic<int> closes{0};
 
 private:
     CRtSocketStream* m_socket;
@@ -103,12 +104,13 @@ public:
             return -1;
         }
     }
-    int OnClose(void*, MASK) override { return 0; }
+    int OnClose(void*, MASK) override { return ++closes, 0; }
 
     RtMD5Context md5;
     std::atomic<long> received{0};
     std::atomic<int> failed{0};
     std::atomic<bool> done{false};
+    std::atomic<int> closes{0};
 
 private:
     CRtSocketStream* m_socket;
@@ -174,6 +176,9 @@ TEST(TinySocketBuffers, MegabytesArriveIntactThroughPartialWritesAndWouldBlock) 
               RT_OK);
     ASSERT_TRUE(WaitUntil([&] { return reader.done.load(); }, std::chrono::minutes(5)))
         << "received " << reader.received.load() << " of " << kBytes;
+    // Both off the reactor, and its dispatch over, before the sockets close.
+    ASSERT_TRUE(WaitUntil([&] { return reader.closes.load() + writer.closes.load() == 2; }));
+    EXPECT_EQ(onReactor([] { return RT_OK; }), RT_OK);
 
     EXPECT_TRUE(writer.done.load());
     EXPECT_EQ(writer.failed.load(), 0);
