@@ -110,8 +110,8 @@ public:
                 return false;
             }
             m_sent += n > 0 ? static_cast<size_t>(n) : 0;
-            // Now and then a client leaves with its message half echoed.
-            if (m_sent < m_size && m_rand() % 300 == 0) {
+            // Now and then a client leaves with its message in flight.
+            if (m_leaveEarly && m_sent > 0) {
                 ++aTotals.aborts;
                 Close();
                 return Connect();
@@ -153,6 +153,7 @@ private:
         m_size = std::max<size_t>(1, static_cast<size_t>(std::pow(2.0, exponent)));
         m_offset = m_rand() % (m_pool->size() - kMaxMessage);
         m_sent = m_received = 0;
+        m_leaveEarly = m_rand() % 100 == 0;
         RtMD5Init(&m_echoed);
     }
     const unsigned char* Data() const { return m_pool->data() + m_offset; }
@@ -162,6 +163,7 @@ private:
     std::minstd_rand m_rand;
     int m_fd = -1;
     size_t m_size = 0, m_offset = 0, m_sent = 0, m_received = 0;
+    bool m_leaveEarly = false;
     RtMD5Context m_echoed;
 };
 
