@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "echo_server_process.h"
 
 namespace {
 
@@ -30,88 +30,6 @@ const char* const kServer = nullptr;
 
 // Generous: sanitizer builds on a loaded 2-core machine.
 const int kTimeoutMs = 60000;
-
-// kvt_echo_server as a child process; its stdout and stderr go to one pipe.
-class ServerProcess {
-public:
-    explicit ServerProcess(std::vector<std::string> aArgs) {
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) != 0) {
-            return;
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
-        aArgs.insert(aArgs.begin(), kServer);
-        std::vector<char*> argv;
-        for (std::string& a : aArgs) {
-            argv.push_back(&a[0]);
-        }
-        argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, kServer, &actions, nullptr, argv.data(), environ) != 0) {
-            m_pid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        m_out = fds[0];
-    }
-    ~ServerProcess() {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-        if (m_out >= 0) {
-            ::close(m_out);
-        }
-    }
-
-    // The port from the "listening on" line, or 0 when the server did not
-    // get that far.
-    uint16_t WaitListening() {
-        const std::string mark = "listening on 127.0.0.1:";
-        while (m_output.find('\n') == std::string::npos && ReadSome()) {
-        }
-        size_t at = m_output.find(mark);
-        return at == std::string::npos
-                   ? 0
-                   : static_cast<uint16_t>(std::stoi(m_output.substr(at + mark.size())));
-    }
-
-    // Everything the process printed, once it has exited; aStatus receives
-    // its wait status.
-    std::string Finish(int* aStatus) {
-        while (ReadSome()) {
-        }
-        *aStatus = -1;
-        if (m_pid > 0 && ::waitpid(m_pid, aStatus, 0) == m_pid) {
-            m_pid = -1;
-        }
-        return m_output;
-    }
-
-    pid_t Pid() const { return m_pid; }
-
-private:
-    // False at the end of the output or after kTimeoutMs without any.
-    bool ReadSome() {
-        pollfd p{m_out, POLLIN, 0};
-        char buf[4096];
-        if (::poll(&p, 1, kTimeoutMs) != 1) {
-            return false;
-        }
-        ssize_t n = ::read(m_out, buf, sizeof(buf));
-        if (n <= 0) {
-            return false;
-        }
-        m_output.append(buf, static_cast<size_t>(n));
-        return true;
-    }
-
-    pid_t m_pid = -1;
-    int m_out = -1;
-    std::string m_output;
-};
 
 int Connect(uint16_t aPort) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -176,7 +94,7 @@ protected:
 TEST_F(EchoServerTest, EchoesManyClientsAtOnceSurvivesRudePeersAndStopsOnEitherSignal) {
     for (int sig : {SIGTERM, SIGINT}) {
         SCOPED_TRACE(sig == SIGTERM ? "SIGTERM" : "SIGINT");
-        ServerProcess server({"127.0.0.1", "0"});
+        ServerProcess server(kServer, {"127.0.0.1", "0"}, kTimeoutMs);
         uint16_t port = server.WaitListening();
         ASSERT_NE(port, 0);
 
@@ -230,7 +148,7 @@ TEST_F(EchoServerTest, EchoesManyClientsAtOnceSurvivesRudePeersAndStopsOnEitherS
 }
 
 TEST_F(EchoServerTest, APeerThatNeverReadsIsDroppedAndOthersAreServed) {
-    ServerProcess server({"127.0.0.1", "0"});
+    ServerProcess server(kServer, {"127.0.0.1", "0"}, kTimeoutMs);
     uint16_t port = server.WaitListening();
     ASSERT_NE(port, 0);
     int hog = Connect(port);
@@ -268,17 +186,17 @@ TEST_F(EchoServerTest, RefusesBadArgumentsAndAnAddressInUse) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.args[0]);
-        ServerProcess server(c.args);
+        ServerProcess server(kServer, c.args, kTimeoutMs);
         int status = 0;
         std::string out = server.Finish(&status);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == c.exitCode) << status;
         EXPECT_NE(out.find(c.says), std::string::npos) << out;
     }
 
-    ServerProcess first({"127.0.0.1", "0"});
+    ServerProcess first(kServer, {"127.0.0.1", "0"}, kTimeoutMs);
     uint16_t port = first.WaitListening();
     ASSERT_NE(port, 0);
-    ServerProcess second({"127.0.0.1", std::to_string(port)});
+    ServerProcess second(kServer, {"127.0.0.1", std::to_string(port)}, kTimeoutMs);
     int status = 0;
     std::string out = second.Finish(&status);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;

@@ -4,6 +4,8 @@
 // result (or a described refusal), release what was handed over, and leave
 // nothing behind; the ASan flavour's leak check covers what the plain build
 // cannot see.
+#include <arpa/inet.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -11,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "rtdnsmanager.h"
+#include "rtosnet.h"
 #include "stress/stress_common.h"
 
 namespace {
@@ -351,4 +355,72 @@ TEST(AllocFaultsMessageBlock, DuplicatingAndSplittingGiveACopyOrNothingAndLeakNo
         return fail.Injected();
     });
     Figure("duplication_failures_injected", injected);
+}
+
+namespace {
+
+// Answers every name at once with 10.0.0.1, so the sweep sees the manager's
+// own allocations and no network.
+int InstantLookup(const char* aName, rtos::HostInfo& aOut) {
+    aOut.name = aName;
+    aOut.addrs.push_back(htonl(0x0A000001u));
+    return 0;
+}
+
+class OnceObserver : public IRtObserver {
+public:
+    void OnObserve(const char*, void* aData) override {
+        error = *static_cast<int*>(aData);
+        ++calls;
+    }
+    std::atomic<int> calls{0};
+    std::atomic<int> error{-1};
+};
+
+}  // namespace
+
+// Window mode, through the process's own thread manager: each run looks a
+// fresh name up, so that nothing comes from the cache.
+// Disabled: std::bad_alloc from queueing the pending record escapes AsyncResolve.
+TEST(AllocFaultsDns, DISABLED_ResolvingGivesARecordOrOutOfMemoryAndEveryObserverHearsOnce) {
+    ASSERT_TRUE(CRtThreadManager::Instance());
+    rtos::SetHostLookup(&InstantLookup);
+    CRtDnsManager* dns = CRtDnsManager::Instance();
+    ASSERT_TRUE(dns);
+    long injected = Sweep([&](long aN) {
+        const CRtString asyncName = "a" + std::to_string(aN) + ".test";
+        const CRtString syncName = "s" + std::to_string(aN) + ".test";
+        OnceObserver observer;
+        CRtDnsRecord* asyncRecord = nullptr;
+        CRtDnsRecord* syncRecord = nullptr;
+        int rvAsync = -1, rvSync = -1;
+        FailNth fail(aN);
+        fail.Armed([&] {
+            rvAsync = dns->AsyncResolve(asyncRecord, asyncName, &observer);
+            rvSync = dns->SyncResolve(syncRecord, syncName);
+        });
+        EXPECT_TRUE(rvAsync == RT_ERROR_WOULD_BLOCK || rvAsync == RT_ERROR_OUT_OF_MEMORY)
+            << "n=" << aN << " rv=" << rvAsync;
+        EXPECT_FALSE(asyncRecord);
+        if (rvAsync == RT_ERROR_WOULD_BLOCK) {
+            EXPECT_TRUE(WaitUntil([&] { return observer.calls.load() > 0; })) << "n=" << aN;
+        } else {
+            EXPECT_EQ(dns->CancelResolve(&observer), RT_ERROR_NOT_FOUND) << "n=" << aN;
+        }
+        EXPECT_TRUE(rvSync == RT_OK || rvSync == RT_ERROR_OUT_OF_MEMORY)
+            << "n=" << aN << " rv=" << rvSync;
+        if (rvSync == RT_OK) {
+            EXPECT_TRUE(syncRecord && *syncRecord->begin() == htonl(0x0A000001u)) << "n=" << aN;
+        } else {
+            EXPECT_FALSE(syncRecord);
+        }
+        if (syncRecord) {
+            syncRecord->ReleaseReference();
+        }
+        CRtThreadManager::SleepMs(2);  // a second call would come now
+        EXPECT_LE(observer.calls.load(), 1) << "n=" << aN;
+        return fail.Injected();
+    });
+    rtos::SetHostLookup(nullptr);
+    Figure("dns_failures_injected", injected);
 }
