@@ -160,7 +160,13 @@ AsyncRequest AsyncGetHostByName(WindowHandle aWnd, uint32_t aMsg, const char* aN
         errno = EINVAL;
         return 0;
     }
-    return LookupTable::Instance().Start(aWnd, aMsg, aName, aBuf, aLen);
+    // The queueing has the strong guarantee: without memory nothing is left behind.
+    try {
+        return LookupTable::Instance().Start(aWnd, aMsg, aName, aBuf, aLen);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return 0;
+    }
 }
 
 bool AsyncCancel(AsyncRequest aRequest) {
