@@ -9,10 +9,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 
 #include "rtframework.h"
+#include "rtosnet.h"
 #include "rtossocket.h"
 #include "rtoswindow.h"
 #include "trace_capture.h"
@@ -260,10 +262,19 @@ TEST_F(Socket, BadArgumentsAreTracedAndFailInTheSystem) {
     EXPECT_EQ(2u, TraceCapture::Count("Assert failed: aBuf"));
     EXPECT_EQ(2u, TraceCapture::TakeCount("Assert failed: aIov"));
 
-    // An unresolved address goes to the system as 0.0.0.0, traced.
+    // An unresolved address goes to the system as 0.0.0.0, traced. The name
+    // is refused at once: a real lookup could still hold a socket to the name
+    // server when the descriptors are counted.
+    static std::atomic<int> lookups{0};
+    rtos::SetHostLookup([](const char*, rtos::HostInfo&) {
+        ++lookups;
+        return rtos::kHostNotFound;
+    });
     CRtSocketDgram dgram;
     EXPECT_EQ(0, dgram.Open(CRtInetAddr("no-such-host.invalid", 0)));
     EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: IsResolved()"));
+    EXPECT_TRUE(WaitUntil([&] { return lookups.load() > 0; }));
+    rtos::SetHostLookup(nullptr);
 
     // A closed object fails with the system's error; a send to a closed peer
     // fails too, without a signal.
