@@ -110,18 +110,20 @@ int main(int argc, char** argv) {
     }
     watcher.join();
 
-    unsigned long accepted = 0;
+    unsigned long accepted = 0, open = 0;
     uint64_t echoed = 0;
     RunOnThread(network, [&] {
         accepted = server->GetStats().accepted;
+        open = server->GetStats().open;
         echoed = server->GetStats().bytesEchoed;
         delete server;  // removes its handlers and closes every socket
         return RT_OK;
     });
-    std::printf("kvt_echo_server: stopped by %s; %lu connection(s), %llu byte(s) echoed\n",
-                caught == SIGINT    ? "SIGINT"
-                : caught == SIGTERM ? "SIGTERM"
-                                    : "the main loop",
-                accepted, static_cast<unsigned long long>(echoed));
+    std::printf(
+        "kvt_echo_server: stopped by %s; %lu connection(s), %lu still open, %llu byte(s) echoed\n",
+        caught == SIGINT    ? "SIGINT"
+        : caught == SIGTERM ? "SIGTERM"
+                            : "the main loop",
+        accepted, open, static_cast<unsigned long long>(echoed));
     return RT_SUCCEEDED(rv) ? 0 : 1;
 }

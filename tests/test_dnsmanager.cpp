@@ -6,17 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <stdlib.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -135,64 +132,6 @@ private:
     std::condition_variable m_cond;
     std::vector<Call> m_calls;
 };
-
-// ---- Record allocation that can be made to fail ------------------------------------------
-
-std::atomic<bool> g_failRecords{false};
-
-}  // namespace
-
-// Refuses record-sized blocks on request and otherwise allocates as usual.
-// Every form of new and delete is replaced, so that they all meet in malloc
-// and free (a sanitizer's own operators would not match these).
-namespace {
-void* Allocate(std::size_t aSize) noexcept {
-    if (g_failRecords.load() && aSize == sizeof(CRtDnsRecord)) {
-        return nullptr;
-    }
-    return std::malloc(aSize ? aSize : 1);
-}
-// Out of line, so that the compiler does not pair the free with a new.
-[[gnu::noinline]] void FreeBlock(void* aPtr) noexcept {
-    std::free(aPtr);
-}
-}  // namespace
-
-void* operator new(std::size_t aSize) {
-    if (void* p = Allocate(aSize)) {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t aSize) {
-    return operator new(aSize);
-}
-void* operator new(std::size_t aSize, const std::nothrow_t&) noexcept {
-    return Allocate(aSize);
-}
-void* operator new[](std::size_t aSize, const std::nothrow_t&) noexcept {
-    return Allocate(aSize);
-}
-void operator delete(void* aPtr) noexcept {
-    FreeBlock(aPtr);
-}
-void operator delete[](void* aPtr) noexcept {
-    FreeBlock(aPtr);
-}
-void operator delete(void* aPtr, std::size_t) noexcept {
-    FreeBlock(aPtr);
-}
-void operator delete[](void* aPtr, std::size_t) noexcept {
-    FreeBlock(aPtr);
-}
-void operator delete(void* aPtr, const std::nothrow_t&) noexcept {
-    FreeBlock(aPtr);
-}
-void operator delete[](void* aPtr, const std::nothrow_t&) noexcept {
-    FreeBlock(aPtr);
-}
-
-namespace {
 
 enum class Mode { kWindow, kThread };
 
@@ -406,18 +345,6 @@ TEST_P(DnsManager, ASyncLookupOfAPendingNameNeitherStealsAnAnswerNorStallsTheQue
     ASSERT_TRUE(later.WaitCalls(1));
     EXPECT_EQ(trace.Count("Assert failed"), 0u);
     EXPECT_EQ(trace.Count("can't find pending"), 0u);
-}
-
-TEST_P(DnsManager, ARecordThatCannotBeAllocatedFailsWithoutHarm) {
-    g_failRecords = true;
-    CRtDnsRecord* record = nullptr;
-    EXPECT_EQ(Lookup("a.test"), RT_ERROR_OUT_OF_MEMORY);
-    EXPECT_EQ(m_dns->SyncResolve(record, "a.test"), RT_ERROR_OUT_OF_MEMORY);
-    EXPECT_EQ(m_dns->RefreshHost("a.test"), RT_ERROR_OUT_OF_MEMORY);
-    g_failRecords = false;
-    EXPECT_FALSE(record);
-    EXPECT_EQ(m_dns->SyncResolve(record, "a.test"), RT_OK);
-    Finish(RT_OK, record, nullptr);
 }
 
 // In thread mode the DNS thread is stuck in the lookup past its join: it comes

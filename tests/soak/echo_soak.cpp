@@ -1,8 +1,8 @@
 // Soak: many loopback clients keep kvt_echo_server busy with messages of 1
 // byte to 1 MiB, reconnecting at random, for KVT_SOAK_SECONDS (default 20).
 // Every echoed byte is checked by MD5. At the end the server must hold as
-// many descriptors as before the first client came, and its resident memory
-// must be within 5% of its level after warm-up. Exits 0 when all held.
+// many descriptors as before the first client came and no connection object,
+// and its resident memory must be within 5% of its level after warm-up. Exits 0 when all held.
 //
 //   echo_soak [SERVER]   KVT_SOAK_SECONDS=30 KVT_SOAK_CLIENTS=100
 #include <arpa/inet.h>
@@ -283,6 +283,8 @@ int main(int argc, char** argv) {
     check(fdsAfter == fdsBefore, "the server kept descriptors");
     check(rssChange <= 5.0, "the server's resident memory grew by more than 5%");
     check(WIFEXITED(status) && WEXITSTATUS(status) == 0, "the server did not exit 0 on SIGTERM");
+    check(output.find(", 0 still open,") != std::string::npos,
+          "the server still held connections of clients that had left");
     if (!ok) {
         std::fprintf(stderr, "server output:\n%s", output.c_str());
     }

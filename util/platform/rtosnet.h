@@ -45,7 +45,8 @@ constexpr int kHostNotFound = 1;  // no such name
 constexpr int kTryAgain = 2;      // the name server did not answer; may work later
 constexpr int kNoRecovery = 3;    // the lookup failed for good
 constexpr int kNoData = 4;        // the name exists but has no IPv4 address
-// A hostent layout also fails with ENOBUFS when not even the name fits.
+// ENOBUFS, as the sockets of the other platform say it, is the lack of memory:
+// for a lookup, or for a hostent layout that not even the name fits.
 
 // A lookup's result, neutral of any layout.
 struct HostInfo {
@@ -58,7 +59,8 @@ struct HostInfo {
 RT_API int GetHostName(char* aBuf, size_t aLen);
 
 // Blocks until aName (a host name or a dotted IPv4 address) is resolved to its
-// IPv4 addresses. 0 and aOut filled, or one of the lookup errors above.
+// IPv4 addresses. 0 and aOut filled, or one of the lookup errors above, or
+// ENOBUFS when memory ran out.
 RT_API int LookupHostIPv4(const char* aName, HostInfo& aOut);
 
 // Lays aInfo out as a hostent at the start of aBuf (aLen bytes, any alignment):

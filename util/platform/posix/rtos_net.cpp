@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <new>
 
 #include "rtos.h"
@@ -53,6 +54,8 @@ int SystemLookup(const char* aName, HostInfo& aOut) {
     if (rc != 0) {
         return MapLookupError(rc);
     }
+    // Freed on every path, a failed allocation below included.
+    std::unique_ptr<struct addrinfo, void (*)(struct addrinfo*)> owner(res, &::freeaddrinfo);
     for (const struct addrinfo* p = res; p; p = p->ai_next) {
         if (p->ai_canonname && aOut.name.empty()) {
             aOut.name = p->ai_canonname;
@@ -65,7 +68,6 @@ int SystemLookup(const char* aName, HostInfo& aOut) {
             aOut.addrs.push_back(addr);
         }
     }
-    ::freeaddrinfo(res);
     if (aOut.addrs.empty()) {
         aOut = HostInfo();
         return kNoData;
@@ -133,7 +135,14 @@ int LookupHostIPv4(const char* aName, HostInfo& aOut) {
         return kHostNotFound;
     }
     HostLookup lookup = g_lookup.load(std::memory_order_acquire);
-    return lookup ? lookup(aName, aOut) : SystemLookup(aName, aOut);
+    // Lookup threads run this too: an allocation failure must come back as an
+    // error, never end the process.
+    try {
+        return lookup ? lookup(aName, aOut) : SystemLookup(aName, aOut);
+    } catch (const std::bad_alloc&) {
+        aOut = HostInfo();
+        return ENOBUFS;
+    }
 }
 
 int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent** aHost) {
