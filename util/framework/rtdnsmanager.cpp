@@ -233,20 +233,16 @@ int CRtDnsManager::AsyncResolve(CRtDnsRecord*& aRecord, const CRtString& aHostNa
     if (!record) {
         return RT_ERROR_OUT_OF_MEMORY;
     }
-    int rv = BeginResolve_l(record.Get());
-    if (rv == kBeginNoMemory) {
+    int rv = StartResolve_l(record.Get());
+    if (rv != RT_OK) {
+        return rv;
+    }
+    // The lookup runs either way; without memory for the registration the
+    // caller learns that its observer will not hear of it.
+    if (TryAddObserver_l(aObserver, aThreadListener, aHostName) == RT_ERROR_OUT_OF_MEMORY) {
         return RT_ERROR_OUT_OF_MEMORY;
     }
-    if (rv == 0) {
-        // The lookup runs either way; without memory for the registration the
-        // caller learns that its observer will not hear of it.
-        if (TryAddObserver_l(aObserver, aThreadListener, aHostName) == RT_ERROR_OUT_OF_MEMORY) {
-            return RT_ERROR_OUT_OF_MEMORY;
-        }
-        return RT_ERROR_WOULD_BLOCK;
-    }
-    Resolved_l(record.Get(), rv, FALSE);
-    return RT_ERROR_FAILURE;
+    return RT_ERROR_WOULD_BLOCK;
 }
 
 int CRtDnsManager::SyncResolve(CRtDnsRecord*& aRecord, const CRtString& aHostName,
@@ -323,15 +319,8 @@ int CRtDnsManager::RefreshHost(const CRtString& aHostName) {
             return RT_ERROR_OUT_OF_MEMORY;
         }
     }
-    int rv = BeginResolve_l(record.Get());
-    if (rv == kBeginNoMemory) {
-        return RT_ERROR_OUT_OF_MEMORY;
-    }
-    if (rv == 0) {
-        return RT_ERROR_WOULD_BLOCK;
-    }
-    Resolved_l(record.Get(), rv, FALSE);
-    return RT_ERROR_FAILURE;
+    int rv = StartResolve_l(record.Get());
+    return rv == RT_OK ? RT_ERROR_WOULD_BLOCK : rv;
 }
 
 CRtDnsManager::PendingRecordsType::iterator CRtDnsManager::FindPending_l(
@@ -368,6 +357,18 @@ int CRtDnsManager::BeginResolve_l(CRtDnsRecord* aRecord) {
         return 0;
     }
     return m_PendingRecords.size() == 1 ? DoAsyncHostByName_l(aRecord) : 0;
+}
+
+int CRtDnsManager::StartResolve_l(CRtDnsRecord* aRecord) {
+    int rv = BeginResolve_l(aRecord);
+    if (rv == kBeginNoMemory) {
+        return RT_ERROR_OUT_OF_MEMORY;
+    }
+    if (rv != 0) {
+        Resolved_l(aRecord, rv, FALSE);
+        return RT_ERROR_FAILURE;
+    }
+    return RT_OK;
 }
 
 int CRtDnsManager::DoAsyncHostByName_l(CRtDnsRecord* aRecord) {

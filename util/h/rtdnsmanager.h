@@ -208,6 +208,9 @@ private:
     // not be queued, else the error that kept it from starting.
     int BeginResolve_l(CRtDnsRecord* aRecord);
     static constexpr int kBeginNoMemory = -2;
+    // BeginResolve_l in result codes: RT_OK when a lookup runs for the name,
+    // RT_ERROR_OUT_OF_MEMORY, or RT_ERROR_FAILURE with the record settled.
+    int StartResolve_l(CRtDnsRecord* aRecord);
     int DoAsyncHostByName_l(CRtDnsRecord* aRecord);
     int DoGetHostByName_l(CRtDnsRecord* aRecord);
     // The two halves of a blocking lookup: marking the record under the lock,
