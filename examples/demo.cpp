@@ -281,6 +281,11 @@ void TourDns() {
     Check(told && observer.m_error == 0 && observer.m_onNetwork &&
               std::strcmp(observer.m_topic, "DnsManager") == 0,
           "the observer heard \"DnsManager\" on the network thread");
+    if (told && observer.m_error != 0) {
+        // The lookup is the system's own: without a hosts entry the name is unknown.
+        std::printf("  the lookup failed with error %d: does /etc/hosts name localhost?\n",
+                    observer.m_error);
+    }
 
     // Within three seconds the answer comes from the cache.
     rv = dns->AsyncResolve(record, "localhost");
