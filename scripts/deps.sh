@@ -2,12 +2,15 @@
 # Installs, with apt-get, whatever the build and the tests need and the machine
 # lacks. Does nothing when everything is there.
 #   --compare  also the peer libraries of scripts/compare.sh
+#   --package  also what cpack needs for Debian packages (scripts/package.sh)
 set -euo pipefail
 packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev)
-if [ "${1:-}" = "--compare" ]; then
-    packages+=(libuv1-dev libasio-dev libevent-dev libace-dev)
-fi
+case "${1:-}" in
+    --compare) packages+=(libuv1-dev libasio-dev libevent-dev libace-dev) ;;
+    # dpkg-shlibdeps works out the runtime package's dependencies; it needs file.
+    --package) packages+=(dpkg-dev file) ;;
+esac
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -4,6 +4,7 @@
 # Prints the package paths.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/deps.sh --package >&2
 builddir=build-package
 cmake -S . -B "$builddir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
     -DKVT_BUILD_TESTS=OFF -DKVT_BUILD_BENCH=OFF -DKVT_BUILD_EXAMPLES=OFF >/dev/null
