@@ -73,6 +73,12 @@ TEST(Platform, SystemTimeIsFileTimeSince1601) {
     ASSERT_GT(ft, kTo1970);
     const int64_t seconds = static_cast<int64_t>((ft - kTo1970) / 10000000ULL);
     EXPECT_LT(std::llabs(seconds - static_cast<int64_t>(::time(nullptr))), 2);
+
+    // The coarse read is the same clock, behind by at most a tick or two.
+    const int64_t precise = static_cast<int64_t>((rtos::SystemTimeAsFileTime() - kTo1970) / 10);
+    const int64_t coarse = rtos::SystemTimeUsecCoarse();
+    EXPECT_LE(coarse, precise + 1000);
+    EXPECT_GT(coarse, precise - 50000);
 }
 
 TEST(Platform, LocalCalendarTime) {

@@ -3,6 +3,7 @@
 
 #include <new>
 
+#include "rtclock.h"
 #include "rtdebug.h"
 #include "rtthreadmanager.h"
 
@@ -20,7 +21,7 @@ CRtTimeValue CRtEventQueueBase::s_tvReportInterval(0L, 100000L);
 
 CRtEventQueueBase::CRtEventQueueBase()
     : m_dwSize(0),
-      m_tvLastSizeCheck(CRtTimeValue::GetTimeOfDay()),
+      m_tvLastSizeCheck(RtFromUsec(RtCoarseClockUsec())),
       m_Tid(0),
       m_bIsStopped(0),
       m_nInFlight(0) {}
@@ -52,14 +53,15 @@ int CRtEventQueueBase::PostEvent(IRtEvent* aEvent, EPriority aPri) {
     uint32_t size = m_dwSize.load(std::memory_order_relaxed) + 1;
     m_dwSize.store(size, std::memory_order_relaxed);
 
-    // A queue that keeps growing is reported at most once every 3 seconds.
-    CRtTimeValue now = CRtTimeValue::GetTimeOfDay();
-    if (now - m_tvLastSizeCheck > CRtTimeValue(3L, 0L)) {
+    // A queue that keeps growing is reported at most once every 3 seconds; the
+    // coarse clock keeps the check cheap, and 3 s dwarf its tick.
+    const int64_t now = RtCoarseClockUsec();
+    if (now - RtToUsec(m_tvLastSizeCheck) > 3000000) {
         if (size > 100) {
             RT_ERROR_TRACE("CRtEventQueueBase::PostEvent, m_dwSize="
                            << size << " m_Tid=" << m_Tid.load(std::memory_order_relaxed));
         }
-        m_tvLastSizeCheck = now;
+        m_tvLastSizeCheck = RtFromUsec(now);
     }
     return RT_OK;
 }
@@ -157,7 +159,7 @@ int CRtEventQueueBase::PopOnePendingEvent(IRtEvent*& aEvent, unsigned long* aRem
 
 int CRtEventQueueBase::ProcessEvents(const EventsType& aEvents) {
     // One clock read per event: each event's end is the next one's start.
-    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
+    int64_t start = RtCoarseClockUsec();
     for (IRtEvent* event : aEvents) {
         if (event) {
             start = RunOneEvent_i(event, start);
@@ -170,17 +172,18 @@ int CRtEventQueueBase::ProcessEvents(const EventsType& aEvents) {
 
 int CRtEventQueueBase::ProcessOneEvent(IRtEvent* aEvent) {
     RT_ASSERTE_RETURN(aEvent, RT_ERROR_INVALID_ARG);
-    RunOneEvent_i(aEvent, CRtTimeValue::GetTimeOfDay());
+    RunOneEvent_i(aEvent, RtCoarseClockUsec());
     return RT_OK;
 }
 
-CRtTimeValue CRtEventQueueBase::RunOneEvent_i(IRtEvent* aEvent, const CRtTimeValue& aStart) {
+int64_t CRtEventQueueBase::RunOneEvent_i(IRtEvent* aEvent, int64_t aStartUsec) {
     aEvent->OnEventFire();
     aEvent->OnDestorySelf();
-    CRtTimeValue end = CRtTimeValue::GetTimeOfDay();
-    CRtTimeValue elapsed = end - aStart;
-
-    if (elapsed > s_tvReportInterval) {
+    // The coarse clock: a report is about events that ran for 100 ms, and the
+    // tick it may be off by is a few.
+    const int64_t end = RtCoarseClockUsec();
+    if (end - aStartUsec > RtToUsec(s_tvReportInterval)) {
+        const CRtTimeValue elapsed = RtFromUsec(end - aStartUsec);
         RT_WARNING_TRACE("CRtEventQueueBase::ProcessOneEvent, report, sec="
                          << elapsed.GetSec() << " usec=" << elapsed.GetUsec()
                          << " aEvent=" << static_cast<const void*>(aEvent)

@@ -98,9 +98,10 @@ protected:
                          unsigned long* aRemainSize = nullptr);
     int PopOnePendingEvent(IRtEvent*& aEvent, unsigned long* aRemainSize = nullptr);
 
-    // Runs and releases one event that started at aStart; returns when it
-    // ended, which is where the next event of a batch starts.
-    CRtTimeValue RunOneEvent_i(IRtEvent* aEvent, const CRtTimeValue& aStart);
+    // Runs and releases one event that started at aStartUsec (the library's
+    // coarse clock); returns when it ended, where the next event of a batch
+    // starts.
+    int64_t RunOneEvent_i(IRtEvent* aEvent, int64_t aStartUsec);
 
     // Moves every pending event into aEvents; a derived queue takes its lock
     // around the base version.

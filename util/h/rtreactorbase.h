@@ -106,7 +106,8 @@ protected:
 
 private:
     int ProcessEventQueue_i(IRtEventHandler::MASK aMask);
-    void ReportSlowHandle_i(const CRtTimeValue& aStart, void* aFd, IRtEventHandler::MASK aMask,
+    // aStartUsec: the library's coarse clock when the handle event began.
+    void ReportSlowHandle_i(int64_t aStartUsec, void* aFd, IRtEventHandler::MASK aMask,
                             const CRtEventHandlerRepository::CElement& aEle, int aReason);
 };
 

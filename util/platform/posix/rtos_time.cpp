@@ -63,6 +63,14 @@ uint64_t SystemTimeAsFileTime() {
            kEpochDelta;
 }
 
+// The coarse clock is the kernel's last tick, read from the vDSO page without
+// touching the time-stamp counter.
+int64_t SystemTimeUsecCoarse() {
+    struct timespec ts;
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
 void SleepMs(uint32_t aMsec) {
     struct timespec ts;
     ts.tv_sec = aMsec / 1000;
