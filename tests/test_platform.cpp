@@ -161,6 +161,39 @@ TEST(Platform, SemaphoreLimitsAndResults) {
     EXPECT_TRUE(rtos::HandleClose(sem));
 }
 
+// Releases race with waiters whose time-outs run out: every count reaches
+// exactly one wait, and an object may be closed the moment its wait returns.
+TEST(Platform, WakeUpsRacingTimeOutsAreNeitherLostNorDoubled) {
+    const int kCounts = 3000;
+    rtos::Handle sem = rtos::SemaphoreCreate(0, kCounts, nullptr);
+    ASSERT_NE(sem, nullptr);
+    std::thread releaser([&] {
+        for (int i = 0; i < kCounts; ++i) {
+            rtos::SemaphoreRelease(sem, 1);
+            if (i % 7 == 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(300));
+            }
+        }
+    });
+    int taken = 0;
+    const Clock::time_point start = Clock::now();
+    while (taken < kCounts && MsSince(start) < 60000) {
+        taken += rtos::HandleWait(sem, 1) == rtos::kWaitSignalled;
+    }
+    releaser.join();
+    EXPECT_EQ(taken, kCounts);
+    EXPECT_EQ(rtos::HandleWait(sem, 0), rtos::kWaitTimeout) << "a count was handed out twice";
+    rtos::HandleClose(sem);
+
+    for (int i = 0; i < 200; ++i) {
+        rtos::Handle event = rtos::EventCreate(false, false, nullptr);
+        std::thread setter([event] { rtos::EventSet(event); });
+        EXPECT_EQ(rtos::HandleWait(event, rtos::kInfinite), rtos::kWaitSignalled);
+        rtos::HandleClose(event);  // the setter may still be on its way out
+        setter.join();
+    }
+}
+
 TEST(Platform, EventSetResetAndPulse) {
     rtos::Handle manual = rtos::EventCreate(true, true, nullptr);
     ASSERT_NE(manual, nullptr);
