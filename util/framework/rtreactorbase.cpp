@@ -210,11 +210,11 @@ int CRtReactorBase::ProcessEventQueue_i(IRtEventHandler::MASK aMask) {
     }
 
     m_bProcessingEvents = 1;
-    EventsType events;
     unsigned long remain = 0;
-    int rv = PopPendingEventsWithoutWait(events, kMaxEventsPerTurn, &remain);
+    int rv = PopPendingEventsWithoutWait(m_TurnEvents, kMaxEventsPerTurn, &remain);
     if (RT_SUCCEEDED(rv)) {
-        rv = ProcessEvents(events);
+        rv = ProcessEvents(m_TurnEvents);
+        m_TurnEvents.clear();
     }
     if (remain > 0 || m_bPendingNotify) {
         NotifyHandler(nullptr, IRtEventHandler::EVENTQUEUE_MASK);

@@ -103,6 +103,9 @@ protected:
     CRtEventHandlerRepository m_EhRepository;
     int m_bProcessingEvents;
     int m_bPendingNotify;
+    // The turn's batch, kept between turns so that its storage is reused
+    // (a fresh list costs two allocations a turn). Owner thread only.
+    EventsType m_TurnEvents;
 
 private:
     int ProcessEventQueue_i(IRtEventHandler::MASK aMask);
