@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev)
 if [ "${1:-}" = "--compare" ]; then
-    packages+=(libuv1-dev libasio-dev libevent-dev libace-dev)
+    packages+=(libuv1-dev libasio-dev libevent-dev libace-dev gnuplot-nox)
 fi
 missing=()
 for p in "${packages[@]}"; do
