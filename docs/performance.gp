@@ -11,8 +11,8 @@ set style histogram clustered gap 1
 set style fill solid 0.8 border -1
 set boxwidth 0.9
 set logscale y 2
-set yrange [0.0625:16]
-set ytics ("1/16" 0.0625, "1/8" 0.125, "1/4" 0.25, "1/2" 0.5, "1" 1, "2" 2, "4" 4, "8" 8, "16" 16)
+set yrange [0.03125:16]
+set ytics ("1/32" 0.03125, "1/16" 0.0625, "1/8" 0.125, "1/4" 0.25, "1/2" 0.5, "1" 1, "2" 2, "4" 4, "8" 8, "16" 16)
 set grid ytics
 set xtics rotate by -40 left font ",9" nomirror
 set bmargin 14
