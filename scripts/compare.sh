@@ -2,11 +2,16 @@
 # Builds the side-by-side programs (bench/compare) in the plain build, runs
 # each a few times and prints one Markdown table of medians: kvtframework,
 # the OS baseline ("os", the machine's limit) and every peer library that is
-# installed (scripts/deps.sh --compare installs them).
+# installed (scripts/deps.sh --compare installs them). The table is also kept
+# in build/compare-table.md.
+#   --chart           also writes docs/performance.dat from the table and, when
+#                     gnuplot is installed, redraws docs/performance.svg
 #   KVT_COMPARE_RUNS  runs per program (default 3)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=${KVT_COMPARE_RUNS:-3}
+chart=0
+[ "${1:-}" = "--chart" ] && chart=1
 libs=(kvt os libuv asio libevent ace)
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo | grep '^-- compare:' || true
@@ -26,7 +31,18 @@ for ((run = 1; run <= runs; run++)); do
         "$prog" >>"$results"
     done
 done
-echo
-echo "Medians of $runs runs. Load before: ${load_before#*load average: }; after: $(uptime | sed 's/.*load average: //')."
-echo
-awk -f scripts/compare_table.awk "$results"
+{
+    echo
+    echo "Medians of $runs runs. Load before: ${load_before#*load average: }; after: $(uptime | sed 's/.*load average: //')."
+    echo
+    awk -f scripts/compare_table.awk "$results"
+} | tee build/compare-table.md
+if [ "$chart" = 1 ]; then
+    awk -f scripts/compare_chart.awk build/compare-table.md >docs/performance.dat
+    if command -v gnuplot >/dev/null; then
+        (cd docs && gnuplot performance.gp)
+        echo "chart: docs/performance.svg"
+    else
+        echo "chart: gnuplot not installed (apt-get install gnuplot-nox); docs/performance.dat written"
+    fi
+fi

@@ -97,7 +97,7 @@ END {
         for (c = 1; c <= ncols; c++) {
             if (!(c in shown)) continue
             v = value(cols[c], f[1])
-            if (v == "") v = (cols[c] == "kvt" && f[1] ~ /^dns\./) ? "pending" : "—"
+            if (v == "") v = "—"
             else v = fmt(v)
             line = line " " v " |"
         }

@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev)
 case "${1:-}" in
-    --compare) packages+=(libuv1-dev libasio-dev libevent-dev libace-dev) ;;
+    --compare) packages+=(libuv1-dev libasio-dev libevent-dev libace-dev gnuplot-nox) ;;
     # dpkg-shlibdeps works out the runtime package's dependencies; it needs file.
     --package) packages+=(dpkg-dev file) ;;
 esac

@@ -66,6 +66,15 @@ public:
     using CRtEventQueueBase::PopOnePendingEvent;
 };
 
+// Stops itself just before taking a post, so that the post is refused.
+class StopsOnPost : public CRtEventQueueUsingConditionVariable {
+public:
+    int PostEvent(IRtEvent* aEvent, EPriority aPri) override {
+        Stop();
+        return CRtEventQueueUsingConditionVariable::PostEvent(aEvent, aPri);
+    }
+};
+
 // An owner thread that drains a condition-variable queue until told to stop.
 class OwnerLoop {
 public:
@@ -271,12 +280,19 @@ TEST(ConditionVariableQueue, HandsOutAtMostTheMaximumPerCall) {
 
 TEST(SendEvent, ReturnsTheResultOfTheRunOnTheOwnerThread) {
     CRtEventQueueUsingConditionVariable queue;
-    Ledger ledger(20);
+    Ledger ledger(21);
+    {
+        // A send whose wrapper is refused (the queue stops between the send's
+        // check and its post) must leave nothing behind for the sends that
+        // follow from this thread, which wait on the same kernel event.
+        StopsOnPost stopping;
+        EXPECT_EQ(stopping.SendEvent(new LedgerEvent(ledger, 20)), RT_ERROR_NOT_INITIALIZED);
+    }
     {
         OwnerLoop owner(queue);
         unsigned long me = CRtThreadManager::GetThreadSelfId();
         for (int i = 0; i < 20; ++i) {
-            EXPECT_EQ(queue.SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
+            ASSERT_EQ(queue.SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
                       RT_ERROR_BASE + i);
             // Released by the owner right after its run, maybe after this returns.
             EXPECT_EQ(ledger.fired[i].load(), 1);

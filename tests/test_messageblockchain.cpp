@@ -373,6 +373,8 @@ TEST(MessageBlockChainOps, FillIovRespectsEntryAndByteLimits) {
     EXPECT_EQ(chain.Head()->FillIov(iov, 4, 5), 2u);
     EXPECT_EQ(iov[0].iov_len, 4u);
     EXPECT_EQ(iov[1].iov_len, 1u);
+    EXPECT_EQ(chain.Head()->FillIov(iov, 4, 8), 2u) << "a limit that ends with a block";
+    EXPECT_EQ(iov[1].iov_len, 4u);
     EXPECT_EQ(chain.Head()->FillIov(iov, 4, 100), 3u);
     EXPECT_EQ(std::string(static_cast<char*>(iov[2].iov_base), iov[2].iov_len), "ij");
     EXPECT_EQ(chain.Head()->FillIov(iov, 4, 0), 0u);

@@ -73,6 +73,12 @@ TEST(Platform, SystemTimeIsFileTimeSince1601) {
     ASSERT_GT(ft, kTo1970);
     const int64_t seconds = static_cast<int64_t>((ft - kTo1970) / 10000000ULL);
     EXPECT_LT(std::llabs(seconds - static_cast<int64_t>(::time(nullptr))), 2);
+
+    // The coarse read is the same clock, behind by at most a tick or two.
+    const int64_t precise = static_cast<int64_t>((rtos::SystemTimeAsFileTime() - kTo1970) / 10);
+    const int64_t coarse = rtos::SystemTimeUsecCoarse();
+    EXPECT_LE(coarse, precise + 1000);
+    EXPECT_GT(coarse, precise - 50000);
 }
 
 TEST(Platform, LocalCalendarTime) {
@@ -153,6 +159,39 @@ TEST(Platform, SemaphoreLimitsAndResults) {
     EXPECT_EQ(rtos::HandleWait(sem, 60), rtos::kWaitTimeout);
     EXPECT_GE(MsSince(start), 55);
     EXPECT_TRUE(rtos::HandleClose(sem));
+}
+
+// Releases race with waiters whose time-outs run out: every count reaches
+// exactly one wait, and an object may be closed the moment its wait returns.
+TEST(Platform, WakeUpsRacingTimeOutsAreNeitherLostNorDoubled) {
+    const int kCounts = 3000;
+    rtos::Handle sem = rtos::SemaphoreCreate(0, kCounts, nullptr);
+    ASSERT_NE(sem, nullptr);
+    std::thread releaser([&] {
+        for (int i = 0; i < kCounts; ++i) {
+            rtos::SemaphoreRelease(sem, 1);
+            if (i % 7 == 0) {
+                std::this_thread::sleep_for(std::chrono::microseconds(300));
+            }
+        }
+    });
+    int taken = 0;
+    const Clock::time_point start = Clock::now();
+    while (taken < kCounts && MsSince(start) < 60000) {
+        taken += rtos::HandleWait(sem, 1) == rtos::kWaitSignalled;
+    }
+    releaser.join();
+    EXPECT_EQ(taken, kCounts);
+    EXPECT_EQ(rtos::HandleWait(sem, 0), rtos::kWaitTimeout) << "a count was handed out twice";
+    rtos::HandleClose(sem);
+
+    for (int i = 0; i < 200; ++i) {
+        rtos::Handle event = rtos::EventCreate(false, false, nullptr);
+        std::thread setter([event] { rtos::EventSet(event); });
+        EXPECT_EQ(rtos::HandleWait(event, rtos::kInfinite), rtos::kWaitSignalled);
+        rtos::HandleClose(event);  // the setter may still be on its way out
+        setter.join();
+    }
 }
 
 TEST(Platform, EventSetResetAndPulse) {

@@ -48,6 +48,7 @@ constexpr int kTimerSizes[] = {1000, 10000, 100000};
 constexpr int kBufferRounds = 200000;
 constexpr int kTraceRounds = 500000;
 constexpr int kLookups = 300;
+constexpr int kCachedLookups = 100000;
 // The message of the buffer rows: 16 blocks of 2 KiB, split in block 8.
 constexpr size_t kBlocks = 16;
 constexpr size_t kBlockSize = 2048;

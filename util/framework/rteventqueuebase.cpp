@@ -3,6 +3,7 @@
 
 #include <new>
 
+#include "rtclock.h"
 #include "rtdebug.h"
 #include "rtthreadmanager.h"
 
@@ -20,7 +21,7 @@ CRtTimeValue CRtEventQueueBase::s_tvReportInterval(0L, 100000L);
 
 CRtEventQueueBase::CRtEventQueueBase()
     : m_dwSize(0),
-      m_tvLastSizeCheck(CRtTimeValue::GetTimeOfDay()),
+      m_tvLastSizeCheck(RtFromUsec(RtCoarseClockUsec())),
       m_Tid(0),
       m_bIsStopped(0),
       m_nInFlight(0) {}
@@ -52,14 +53,15 @@ int CRtEventQueueBase::PostEvent(IRtEvent* aEvent, EPriority aPri) {
     uint32_t size = m_dwSize.load(std::memory_order_relaxed) + 1;
     m_dwSize.store(size, std::memory_order_relaxed);
 
-    // A queue that keeps growing is reported at most once every 3 seconds.
-    CRtTimeValue now = CRtTimeValue::GetTimeOfDay();
-    if (now - m_tvLastSizeCheck > CRtTimeValue(3L, 0L)) {
+    // A queue that keeps growing is reported at most once every 3 seconds; the
+    // coarse clock keeps the check cheap, and 3 s dwarf its tick.
+    const int64_t now = RtCoarseClockUsec();
+    if (now - RtToUsec(m_tvLastSizeCheck) > 3000000) {
         if (size > 100) {
             RT_ERROR_TRACE("CRtEventQueueBase::PostEvent, m_dwSize="
                            << size << " m_Tid=" << m_Tid.load(std::memory_order_relaxed));
         }
-        m_tvLastSizeCheck = now;
+        m_tvLastSizeCheck = RtFromUsec(now);
     }
     return RT_OK;
 }
@@ -84,7 +86,7 @@ int CRtEventQueueBase::SendEvent(IRtEvent* aEvent) {
         aEvent->OnDestorySelf();
         return RT_ERROR_OUT_OF_MEMORY;
     }
-    if (!pSync->m_SendEvent.GetHandle()) {
+    if (!pSync->HasSendEvent_i()) {
         // Without its kernel event the sender could never learn the result:
         // refuse before the event can run. The wrapper releases it.
         delete pSync;
@@ -92,8 +94,11 @@ int CRtEventQueueBase::SendEvent(IRtEvent* aEvent) {
     }
     int rv = PostEvent(pSync, EPRIORITY_NORMAL);
     if (RT_FAILED(rv)) {
-        // The refusal has released the caller's event; nobody else holds the
-        // wrapper, so it goes now.
+        // The refusal has released the caller's event and signalled the
+        // thread's send event; the signal is taken back, so that the next
+        // send waits for its own. Nobody else holds the wrapper.
+        CRtTimeValue noWait;
+        pSync->m_pSendEvent->Wait(&noWait);
         delete pSync;
         return rv;
     }
@@ -157,7 +162,7 @@ int CRtEventQueueBase::PopOnePendingEvent(IRtEvent*& aEvent, unsigned long* aRem
 
 int CRtEventQueueBase::ProcessEvents(const EventsType& aEvents) {
     // One clock read per event: each event's end is the next one's start.
-    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
+    int64_t start = RtCoarseClockUsec();
     for (IRtEvent* event : aEvents) {
         if (event) {
             start = RunOneEvent_i(event, start);
@@ -170,17 +175,18 @@ int CRtEventQueueBase::ProcessEvents(const EventsType& aEvents) {
 
 int CRtEventQueueBase::ProcessOneEvent(IRtEvent* aEvent) {
     RT_ASSERTE_RETURN(aEvent, RT_ERROR_INVALID_ARG);
-    RunOneEvent_i(aEvent, CRtTimeValue::GetTimeOfDay());
+    RunOneEvent_i(aEvent, RtCoarseClockUsec());
     return RT_OK;
 }
 
-CRtTimeValue CRtEventQueueBase::RunOneEvent_i(IRtEvent* aEvent, const CRtTimeValue& aStart) {
+int64_t CRtEventQueueBase::RunOneEvent_i(IRtEvent* aEvent, int64_t aStartUsec) {
     aEvent->OnEventFire();
     aEvent->OnDestorySelf();
-    CRtTimeValue end = CRtTimeValue::GetTimeOfDay();
-    CRtTimeValue elapsed = end - aStart;
-
-    if (elapsed > s_tvReportInterval) {
+    // The coarse clock: a report is about events that ran for 100 ms, and the
+    // tick it may be off by is a few.
+    const int64_t end = RtCoarseClockUsec();
+    if (end - aStartUsec > RtToUsec(s_tvReportInterval)) {
+        const CRtTimeValue elapsed = RtFromUsec(end - aStartUsec);
         RT_WARNING_TRACE("CRtEventQueueBase::ProcessOneEvent, report, sec="
                          << elapsed.GetSec() << " usec=" << elapsed.GetUsec()
                          << " aEvent=" << static_cast<const void*>(aEvent)
@@ -314,16 +320,55 @@ void CRtEventQueueUsingConditionVariable::TakeAllPendingEvents_i(EventsType& aEv
 
 // ---- CRtEventSync ------------------------------------------------------------
 
+namespace {
+
+// Each thread's send event; both trivially destroyed, so that they can still
+// be read after the holder below is gone.
+thread_local CRtEventThread* t_pSendEvent = nullptr;
+thread_local bool t_bSendEventGone = false;
+
+// Deletes the thread's send event when the thread ends.
+struct SendEventHolder {
+    ~SendEventHolder() {
+        delete t_pSendEvent;
+        t_pSendEvent = nullptr;
+        t_bSendEventGone = true;
+    }
+};
+thread_local SendEventHolder t_sendEventHolder;
+
+// The calling thread's send event, made on first use; null once the thread's
+// thread-local objects are gone or when it cannot be made.
+CRtEventThread* ThreadSendEvent() {
+    if (!t_pSendEvent && !t_bSendEventGone) {
+        CRtEventThread* event = new (std::nothrow) CRtEventThread(0, 0, nullptr);
+        if (event && event->GetHandle()) {
+            static_cast<void>(&t_sendEventHolder);  // registers its destructor
+            t_pSendEvent = event;
+        } else {
+            delete event;
+        }
+    }
+    return t_pSendEvent;
+}
+
+}  // namespace
+
 CRtEventSync::CRtEventSync(IRtEvent* aEventPost, CRtEventQueueBase* aEventQueue)
     : m_pEventPost(aEventPost),
       m_nResult(RT_ERROR_NOT_AVAILABLE),
       m_pEventQueue(aEventQueue),
       m_bPostDestroyed(0),
-      m_SendEvent(0, 0, nullptr),
+      m_pSendEvent(ThreadSendEvent()),
+      m_pOwnEvent(nullptr),
       m_bFired(0),
       m_nReleases(0) {
     RT_ASSERTE(m_pEventPost);
     RT_ASSERTE(m_pEventQueue);
+    if (!m_pSendEvent) {
+        m_pOwnEvent = new (std::nothrow) CRtEventThread(0, 0, nullptr);
+        m_pSendEvent = m_pOwnEvent;
+    }
 }
 
 CRtEventSync::~CRtEventSync() {
@@ -331,9 +376,10 @@ CRtEventSync::~CRtEventSync() {
         m_pEventPost->OnDestorySelf();
         m_pEventPost = nullptr;
     }
-    if (!m_bPostDestroyed.load(std::memory_order_acquire) && m_SendEvent.GetHandle()) {
-        m_SendEvent.Signal();
+    if (!m_bPostDestroyed.load(std::memory_order_acquire) && HasSendEvent_i()) {
+        m_pSendEvent->Signal();
     }
+    delete m_pOwnEvent;
 }
 
 int CRtEventSync::OnEventFire() {
@@ -346,7 +392,7 @@ int CRtEventSync::OnEventFire() {
     if (m_pEventQueue) {
         m_pEventQueue->EnterInFlight_i();
     }
-    m_SendEvent.Signal();
+    m_pSendEvent->Signal();
     return rv;
 }
 
@@ -363,7 +409,7 @@ void CRtEventSync::OnDestorySelf() {
         if (!m_bFired) {
             // Discarded or refused before it ran: wake the sender, which then
             // deletes the wrapper. Nothing here may touch it after the signal.
-            m_SendEvent.Signal();
+            m_pSendEvent->Signal();
             return;
         }
     }
@@ -373,7 +419,7 @@ void CRtEventSync::OnDestorySelf() {
 }
 
 int CRtEventSync::WaitResultAndDeleteThis() {
-    int rv = m_SendEvent.Wait(nullptr);
+    int rv = m_pSendEvent->Wait(nullptr);
     if (RT_FAILED(rv)) {
         RT_ERROR_TRACE("CRtEventSync::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!");
         return rv;

@@ -252,19 +252,26 @@ void CRtMessageBlock::DestroyChained() {
 unsigned long CRtMessageBlock::FillIov(iovec* const aIov, unsigned long aMax,
                                        unsigned long aMaxLength) const {
     RT_ASSERTE_RETURN(aIov || aMax == 0, 0);
+    if (aMaxLength == 0) {
+        return 0;
+    }
 
+    // One test per block on the common path; the length limit is looked at
+    // only against the block that reaches it.
     unsigned long dwCount = 0;
     unsigned long dwRest = aMaxLength;
-    for (const CRtMessageBlock* pMb = this; pMb && dwCount < aMax && dwRest > 0;
-         pMb = pMb->m_pNext) {
-        unsigned long dwLen = pMb->Readable_i();
-        if (dwLen == 0) {
+    for (const CRtMessageBlock* pMb = this; pMb && dwCount < aMax; pMb = pMb->m_pNext) {
+        char* pRead = pMb->m_pReadPtr;
+        const char* pWrite = pMb->m_pWritePtr;
+        if (pWrite <= pRead) {
             continue;
         }
-        if (dwLen > dwRest) {
-            dwLen = dwRest;
+        unsigned long dwLen = static_cast<unsigned long>(pWrite - pRead);
+        aIov[dwCount].iov_base = pRead;
+        if (dwLen >= dwRest) {
+            aIov[dwCount].iov_len = dwRest;
+            return dwCount + 1;
         }
-        aIov[dwCount].iov_base = pMb->m_pReadPtr;
         aIov[dwCount].iov_len = dwLen;
         dwRest -= dwLen;
         ++dwCount;

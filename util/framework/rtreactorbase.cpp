@@ -5,6 +5,7 @@
 
 #include <new>
 
+#include "rtclock.h"
 #include "rtdebug.h"
 #include "rttimerqueueorderedlist.h"
 
@@ -209,11 +210,11 @@ int CRtReactorBase::ProcessEventQueue_i(IRtEventHandler::MASK aMask) {
     }
 
     m_bProcessingEvents = 1;
-    EventsType events;
     unsigned long remain = 0;
-    int rv = PopPendingEventsWithoutWait(events, kMaxEventsPerTurn, &remain);
+    int rv = PopPendingEventsWithoutWait(m_TurnEvents, kMaxEventsPerTurn, &remain);
     if (RT_SUCCEEDED(rv)) {
-        rv = ProcessEvents(events);
+        rv = ProcessEvents(m_TurnEvents);
+        m_TurnEvents.clear();
     }
     if (remain > 0 || m_bPendingNotify) {
         NotifyHandler(nullptr, IRtEventHandler::EVENTQUEUE_MASK);
@@ -230,7 +231,7 @@ int CRtReactorBase::ProcessHandleEvent(void* aFd, IRtEventHandler::MASK aMask, i
         return ProcessEventQueue_i(aMask);
     }
 
-    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
+    const int64_t start = RtCoarseClockUsec();
     CElement ele;
     int rv = m_EhRepository.Find(aFd, ele);
     if (RT_FAILED(rv)) {
@@ -287,11 +288,11 @@ int CRtReactorBase::ProcessHandleEvent(void* aFd, IRtEventHandler::MASK aMask, i
     return rv;
 }
 
-void CRtReactorBase::ReportSlowHandle_i(const CRtTimeValue& aStart, void* aFd,
-                                        IRtEventHandler::MASK aMask, const CElement& aEle,
-                                        int aReason) {
-    CRtTimeValue elapsed = CRtTimeValue::GetTimeOfDay() - aStart;
-    if (elapsed > CRtEventQueueBase::s_tvReportInterval) {
+void CRtReactorBase::ReportSlowHandle_i(int64_t aStartUsec, void* aFd, IRtEventHandler::MASK aMask,
+                                        const CElement& aEle, int aReason) {
+    const int64_t elapsedUsec = RtCoarseClockUsec() - aStartUsec;
+    if (elapsedUsec > RtToUsec(CRtEventQueueBase::s_tvReportInterval)) {
+        const CRtTimeValue elapsed = RtFromUsec(elapsedUsec);
         RT_WARNING_TRACE("CRtReactorBase::ProcessHandleEvent, report, sec="
                          << elapsed.GetSec() << " usec=" << elapsed.GetUsec() << " aFd=" << aFd
                          << " aMask=" << aMask << " maskFind=" << aEle.m_Mask
@@ -307,11 +308,12 @@ void CRtReactorBase::ProcessTimerTick() {
     if (m_pTimerQueue->GetEarliestTime() == CRtTimeValue::s_tvMax) {
         return;
     }
-    CRtTimeValue start = CRtTimeValue::GetTimeOfDay();
+    const int64_t start = RtCoarseClockUsec();
     m_pTimerQueue->CheckExpire(nullptr);
 
-    CRtTimeValue elapsed = CRtTimeValue::GetTimeOfDay() - start;
-    if (elapsed > CRtEventQueueBase::s_tvReportInterval) {
+    const int64_t elapsedUsec = RtCoarseClockUsec() - start;
+    if (elapsedUsec > RtToUsec(CRtEventQueueBase::s_tvReportInterval)) {
+        const CRtTimeValue elapsed = RtFromUsec(elapsedUsec);
         RT_WARNING_TRACE("CRtReactorBase::ProcessTimerTick, report, sec="
                          << elapsed.GetSec() << " usec=" << elapsed.GetUsec() << " this=" << this);
     }

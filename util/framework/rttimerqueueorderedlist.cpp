@@ -26,22 +26,6 @@ size_t CRtTimerQueueOrderedList::CHandlerIndex::Home(const IRtTimerHandler* aEh)
     return static_cast<size_t>((llKey * 0x9E3779B97F4A7C15ull) >> m_nShift);
 }
 
-uint32_t CRtTimerQueueOrderedList::CHandlerIndex::Find(const IRtTimerHandler* aEh) const {
-    if (m_dwSize == 0) {
-        return kNone;
-    }
-    size_t dwMask = m_Entries.size() - 1;
-    for (size_t i = Home(aEh);; i = (i + 1) & dwMask) {
-        const CEntry& entry = m_Entries[i];
-        if (entry.m_pEh == aEh) {
-            return entry.m_dwSlot;
-        }
-        if (!entry.m_pEh) {
-            return kNone;
-        }
-    }
-}
-
 void CRtTimerQueueOrderedList::CHandlerIndex::MakeRoom() {
     // At most half full, so probe runs stay short and a free entry always exists.
     if ((m_dwSize + 1) * 2 > m_Entries.size()) {
@@ -49,15 +33,19 @@ void CRtTimerQueueOrderedList::CHandlerIndex::MakeRoom() {
     }
 }
 
-void CRtTimerQueueOrderedList::CHandlerIndex::Insert(IRtTimerHandler* aEh, uint32_t aSlot) {
+uint32_t* CRtTimerQueueOrderedList::CHandlerIndex::FindOrAdd(IRtTimerHandler* aEh, bool& aAdded) {
     MakeRoom();
     size_t dwMask = m_Entries.size() - 1;
     size_t i = Home(aEh);
-    while (m_Entries[i].m_pEh) {
+    while (m_Entries[i].m_pEh && m_Entries[i].m_pEh != aEh) {
         i = (i + 1) & dwMask;
     }
-    m_Entries[i] = CEntry{aEh, aSlot};
-    ++m_dwSize;
+    aAdded = !m_Entries[i].m_pEh;
+    if (aAdded) {
+        m_Entries[i] = CEntry{aEh, kNone};
+        ++m_dwSize;
+    }
+    return &m_Entries[i].m_dwSlot;
 }
 
 uint32_t CRtTimerQueueOrderedList::CHandlerIndex::Erase(const IRtTimerHandler* aEh) {
@@ -100,10 +88,16 @@ void CRtTimerQueueOrderedList::CHandlerIndex::Grow() {
     for (size_t n = dwCapacity; n > 1; n >>= 1) {
         --m_nShift;
     }
-    m_dwSize = 0;
+    // Every handler is distinct and the table has room: each goes to the
+    // first free entry from its home.
+    const size_t dwMask = dwCapacity - 1;
     for (const CEntry& entry : old) {
         if (entry.m_pEh) {
-            Insert(entry.m_pEh, entry.m_dwSlot);
+            size_t i = Home(entry.m_pEh);
+            while (m_Entries[i].m_pEh) {
+                i = (i + 1) & dwMask;
+            }
+            m_Entries[i] = entry;
         }
     }
 }
@@ -158,9 +152,8 @@ void CRtTimerQueueOrderedList::SiftDown_i(size_t aPos) {
 }
 
 void CRtTimerQueueOrderedList::RemoveAt_i(size_t aPos) {
-    uint32_t dwSlot = m_Nodes[aPos].m_dwSlot;
-    m_Index.Erase(m_Slots[dwSlot].m_pEh);
-    m_FreeSlots.push_back(dwSlot);
+    // The caller has taken the timer out of the handler index already.
+    m_FreeSlots.push_back(m_Nodes[aPos].m_dwSlot);
 
     CHeapEntry last = m_Nodes.back();
     m_Nodes.pop_back();
@@ -208,8 +201,11 @@ bool CRtTimerQueueOrderedList::Store_i(const CNode& aNode) {
     // the node pushed last goes first, for new and re-armed timers alike.
     CHeapEntry entry{ToUsec(aNode.m_tvExpired), NextSeq_i(), 0};
 
-    uint32_t dwSlot = m_Index.Find(aNode.m_pEh);
-    if (dwSlot != kNone) {
+    // One probe of the index for both cases.
+    bool bAdded;
+    uint32_t* pIndexSlot = m_Index.FindOrAdd(aNode.m_pEh, bAdded);
+    uint32_t dwSlot = *pIndexSlot;
+    if (!bAdded) {
         // Re-arm in place: the heap entry moves, the slot and index stay.
         m_Slots[dwSlot] = aNode;
         entry.m_dwSlot = dwSlot;
@@ -233,7 +229,7 @@ bool CRtTimerQueueOrderedList::Store_i(const CNode& aNode) {
         m_FreeSlots.pop_back();
         m_Slots[dwSlot] = aNode;
     }
-    m_Index.Insert(aNode.m_pEh, dwSlot);
+    *pIndexSlot = dwSlot;
     entry.m_dwSlot = dwSlot;
     m_Nodes.push_back(entry);
     SiftUp_i(m_Nodes.size() - 1);
@@ -287,7 +283,7 @@ int CRtTimerQueueOrderedList::RePushNode_l(const CNode& aNode) {
 }
 
 int CRtTimerQueueOrderedList::EraseNode_l(IRtTimerHandler* aEh) {
-    uint32_t dwSlot = m_Index.Find(aEh);
+    uint32_t dwSlot = m_Index.Erase(aEh);
     if (dwSlot == kNone) {
         return 1;
     }
@@ -298,6 +294,7 @@ int CRtTimerQueueOrderedList::EraseNode_l(IRtTimerHandler* aEh) {
 int CRtTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     RT_ASSERTE_RETURN(!m_Nodes.empty(), -1);
     aNode = m_Slots[m_Nodes.front().m_dwSlot];
+    m_Index.Erase(aNode.m_pEh);
     RemoveAt_i(0);
     return 0;
 }

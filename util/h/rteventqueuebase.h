@@ -98,9 +98,10 @@ protected:
                          unsigned long* aRemainSize = nullptr);
     int PopOnePendingEvent(IRtEvent*& aEvent, unsigned long* aRemainSize = nullptr);
 
-    // Runs and releases one event that started at aStart; returns when it
-    // ended, which is where the next event of a batch starts.
-    CRtTimeValue RunOneEvent_i(IRtEvent* aEvent, const CRtTimeValue& aStart);
+    // Runs and releases one event that started at aStartUsec (the library's
+    // coarse clock); returns when it ended, where the next event of a batch
+    // starts.
+    int64_t RunOneEvent_i(IRtEvent* aEvent, int64_t aStartUsec);
 
     // Moves every pending event into aEvents; a derived queue takes its lock
     // around the base version.
@@ -202,12 +203,21 @@ protected:
 private:
     friend class CRtEventQueueBase;
 
+    // True when the wrapper has an event for its sender to wait on.
+    bool HasSendEvent_i() const { return m_pSendEvent && m_pSendEvent->GetHandle(); }
+
     IRtEvent* m_pEventPost;
     int m_nResult;
     CRtEventQueueBase* m_pEventQueue;
     std::atomic<int> m_bPostDestroyed;
-    CRtEventThread m_SendEvent;
-    // Written by the owner before it signals m_SendEvent.
+    // The auto-reset event the sender waits on: its thread's own, made on the
+    // thread's first send and reused by every later one (a sender is blocked
+    // until its send is over, so a thread never has two), or m_pOwnEvent for a
+    // send made after the thread's own is gone (the exit clean-up). Never
+    // left signalled once the send is over.
+    CRtEventThread* m_pSendEvent;
+    CRtEventThread* m_pOwnEvent;  // owned; null unless needed
+    // Written by the owner before it signals m_pSendEvent.
     int m_bFired;
     // Completed releases; the one that makes it 2 deletes the wrapper.
     std::atomic<int> m_nReleases;

@@ -103,10 +103,14 @@ protected:
     CRtEventHandlerRepository m_EhRepository;
     int m_bProcessingEvents;
     int m_bPendingNotify;
+    // The turn's batch, kept between turns so that its storage is reused
+    // (a fresh list costs two allocations a turn). Owner thread only.
+    EventsType m_TurnEvents;
 
 private:
     int ProcessEventQueue_i(IRtEventHandler::MASK aMask);
-    void ReportSlowHandle_i(const CRtTimeValue& aStart, void* aFd, IRtEventHandler::MASK aMask,
+    // aStartUsec: the library's coarse clock when the handle event began.
+    void ReportSlowHandle_i(int64_t aStartUsec, void* aFd, IRtEventHandler::MASK aMask,
                             const CRtEventHandlerRepository::CElement& aEle, int aReason);
 };
 

@@ -49,8 +49,9 @@ private:
     // Handler address -> slot index: open addressing with linear probing.
     class CHandlerIndex {
     public:
-        uint32_t Find(const IRtTimerHandler* aEh) const;    // kNone if absent
-        void Insert(IRtTimerHandler* aEh, uint32_t aSlot);  // aEh must be absent
+        // aEh's slot, added (holding kNone, aAdded set) when absent. May
+        // throw std::bad_alloc unless room was made before.
+        uint32_t* FindOrAdd(IRtTimerHandler* aEh, bool& aAdded);
         // Grows for one more handler now; may throw std::bad_alloc.
         void MakeRoom();
         uint32_t Erase(const IRtTimerHandler* aEh);  // the slot, or kNone
@@ -89,7 +90,8 @@ private:
     // 0 when aPos is a leaf.
     size_t EarliestChild_i(size_t aPos, size_t aSize) const;
     void SiftDown_i(size_t aPos);
-    void RemoveAt_i(size_t aPos);  // heap position; frees the slot and its index entry
+    // Heap position of a timer already out of the handler index; frees its slot.
+    void RemoveAt_i(size_t aPos);
 
     std::vector<CHeapEntry> m_Nodes;  // the heap: m_Nodes[0] is due first
     // Per slot: the timer, and where its entry sits in the heap. Positions are

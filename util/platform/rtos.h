@@ -19,6 +19,11 @@ RT_API uint32_t CurrentThreadId();  // kernel thread id
 RT_API uint32_t CurrentProcessId();
 RT_API uint32_t TickCount();             // monotonic milliseconds, truncated to 32 bits
 RT_API uint64_t SystemTimeAsFileTime();  // 100 ns units since 1601-01-01 UTC
+// The same clock in microseconds since 1970-01-01 UTC, to within a few
+// milliseconds (the scheduler's tick), for checks on hot paths that only
+// compare spans far longer than that; a fraction of the cost of the full read.
+// Windows: GetSystemTimeAsFileTime, whose resolution is the tick already.
+RT_API int64_t SystemTimeUsecCoarse();
 RT_API void SleepMs(uint32_t aMsec);
 
 struct CalendarTime {

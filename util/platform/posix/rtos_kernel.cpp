@@ -1,6 +1,10 @@
 // Kernel objects on POSIX: semaphores, events and threads behind one handle
-// type, each a mutex + condition variable, so that one HandleWait serves all.
+// type, each guarded by a mutex, so that one HandleWait serves all.
 #include <errno.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -40,112 +44,39 @@ protected:
     std::mutex m_mutex;
 };
 
-class Semaphore : public KernelObject {
+// Sleeps while *aWord holds aValue, at most aTimeout (null: without limit);
+// returns early on a wake-up, a signal or a spurious return, so callers loop.
+void FutexWait(std::atomic<int>* aWord, int aValue, const timespec* aTimeout) {
+    ::syscall(SYS_futex, reinterpret_cast<int*>(aWord), FUTEX_WAIT_PRIVATE, aValue, aTimeout,
+              nullptr, 0);
+}
+
+void FutexWakeOne(std::atomic<int>* aWord) {
+    ::syscall(SYS_futex, reinterpret_cast<int*>(aWord), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+int64_t MonotonicNs() {
+    timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+// The threads blocked in a semaphore or an event, oldest first, guarded by
+// the object's mutex. A waiter is released individually: taken off the queue
+// under the lock (with whatever it waited for already handed to it), but woken
+// after the lock is let go. It then runs straight on instead of waking into a
+// lock still held by its signaller and sleeping once more, and the object may
+// be closed as soon as the waiter returns: waking touches only the waiter.
+class WaitQueue {
 public:
-    Semaphore(long aInitial, long aMaximum)
-        : KernelObject(kSemaphore), m_count(aInitial), m_maximum(aMaximum) {}
-
-    uint32_t Wait(uint32_t aMsec) override {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (!WaitFor(lock, m_cond, aMsec, [this] { return m_count > 0; })) {
-            return kWaitTimeout;
-        }
-        --m_count;
-        return kWaitSignalled;
-    }
-
-    bool Release(long aCount) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (aCount < 1 || aCount > m_maximum - m_count) {
-            errno = EINVAL;
-            return false;
-        }
-        m_count += aCount;
-        // Each count is taken by one waiter; a signal per count wakes enough of
-        // them without waking every waiter for a single count.
-        if (aCount == 1) {
-            m_cond.notify_one();
-        } else {
-            m_cond.notify_all();
-        }
-        return true;
-    }
-
-private:
-    std::condition_variable m_cond;
-    long m_count;
-    const long m_maximum;
-};
-
-// A waiter is released individually, so that two quick signals of an
-// auto-reset event release two waiters (as the kernel does) instead of folding
-// into one flag, and a pulse releases exactly the threads waiting at the time.
-class Event : public KernelObject {
-public:
-    Event(bool aManual, bool aInitial)
-        : KernelObject(kEvent), m_manual(aManual), m_signalled(aInitial) {}
-
-    uint32_t Wait(uint32_t aMsec) override {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_signalled) {
-            m_signalled = m_manual;
-            return kWaitSignalled;
-        }
-        if (aMsec == 0) {
-            return kWaitTimeout;
-        }
-        Waiter self;
-        Enqueue_l(&self);
-        if (!WaitFor(lock, self.cond, aMsec, [&self] { return self.released; })) {
-            Remove_l(&self);
-            return kWaitTimeout;
-        }
-        return kWaitSignalled;
-    }
-
-    void Set() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_manual) {
-            m_signalled = true;
-            while (ReleaseOne_l()) {
-            }
-        } else if (!ReleaseOne_l()) {
-            m_signalled = true;
-        }
-    }
-
-    void Reset() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_signalled = false;
-    }
-
-    void Pulse() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_signalled = false;
-        if (m_manual) {
-            while (ReleaseOne_l()) {
-            }
-        } else {
-            ReleaseOne_l();
-        }
-    }
-
-    long WaiterCount() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        long n = 0;
-        for (Waiter* w = m_head; w; w = w->next) {
-            ++n;
-        }
-        return n;
-    }
-
-private:
-    // Lives on the waiting thread's stack while it is queued.
+    // Lives on the waiting thread's stack until it has been woken.
     struct Waiter {
-        std::condition_variable cond;
-        bool released = false;
+        std::atomic<int> woken{0};
+        bool released = false;  // under the lock: taken off the queue by a signaller
         Waiter* next = nullptr;
     };
+
+    bool Empty_l() const { return !m_head; }
 
     void Enqueue_l(Waiter* aWaiter) {
         if (m_tail) {
@@ -156,6 +87,89 @@ private:
         m_tail = aWaiter;
     }
 
+    // The oldest waiter, off the queue; null when none waits.
+    Waiter* TakeOne_l() {
+        Waiter* w = m_head;
+        if (!w) {
+            return nullptr;
+        }
+        m_head = w->next;
+        if (!m_head) {
+            m_tail = nullptr;
+        }
+        w->released = true;
+        w->next = nullptr;
+        return w;
+    }
+
+    Waiter* TakeAll_l() {
+        Waiter* all = m_head;
+        for (Waiter* w = all; w; w = w->next) {
+            w->released = true;
+        }
+        m_head = m_tail = nullptr;
+        return all;
+    }
+
+    long Count_l() const {
+        long n = 0;
+        for (Waiter* w = m_head; w; w = w->next) {
+            ++n;
+        }
+        return n;
+    }
+
+    // Blocks the waiter that aLock's owner has just queued; aLock is held on
+    // entry and let go here. kWaitSignalled once released, kWaitTimeout after
+    // aMsec (the waiter is then off the queue, with nothing handed to it).
+    uint32_t Sleep(Waiter& aSelf, std::unique_lock<std::mutex>& aLock, uint32_t aMsec) {
+        aLock.unlock();
+        const int64_t deadline =
+            aMsec == kInfinite ? 0 : MonotonicNs() + static_cast<int64_t>(aMsec) * 1000000;
+        while (aSelf.woken.load(std::memory_order_acquire) == 0) {
+            if (aMsec == kInfinite) {
+                FutexWait(&aSelf.woken, 0, nullptr);
+                continue;
+            }
+            const int64_t left = deadline - MonotonicNs();
+            if (left <= 0) {
+                aLock.lock();
+                const bool released = aSelf.released;
+                if (!released) {
+                    Remove_l(&aSelf);
+                }
+                aLock.unlock();
+                if (!released) {
+                    return kWaitTimeout;
+                }
+                // Released just now: the signaller still touches this waiter
+                // until its wake-up, which is on its way.
+                while (aSelf.woken.load(std::memory_order_acquire) == 0) {
+                    FutexWait(&aSelf.woken, 0, nullptr);
+                }
+                break;
+            }
+            const timespec rel = {static_cast<time_t>(left / 1000000000),
+                                  static_cast<long>(left % 1000000000)};
+            FutexWait(&aSelf.woken, 0, &rel);
+        }
+        return kWaitSignalled;
+    }
+
+    // After the lock: a waiter may return (and its stack frame go) as soon as
+    // it sees its word set, so each link is read first. A wake-up that comes
+    // after the frame went finds no sleeper at that address, or a later waiter
+    // there, which takes it as a spurious return and sleeps on.
+    static void Wake(Waiter* aList) {
+        while (aList) {
+            Waiter* next = aList->next;
+            aList->woken.store(1, std::memory_order_release);
+            FutexWakeOne(&aList->woken);
+            aList = next;
+        }
+    }
+
+private:
     // Only a waiter that timed out leaves out of order; queues are short.
     void Remove_l(Waiter* aWaiter) {
         Waiter* prev = nullptr;
@@ -171,26 +185,116 @@ private:
         }
     }
 
-    // Notifies under the lock: the waiter may return and destroy its condition
-    // variable as soon as the lock is free.
-    bool ReleaseOne_l() {
-        Waiter* w = m_head;
-        if (!w) {
-            return false;
+    Waiter* m_head = nullptr;
+    Waiter* m_tail = nullptr;
+};
+
+// Counts are handed to waiters in the order they came.
+class Semaphore : public KernelObject {
+public:
+    Semaphore(long aInitial, long aMaximum)
+        : KernelObject(kSemaphore), m_count(aInitial), m_maximum(aMaximum) {}
+
+    uint32_t Wait(uint32_t aMsec) override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_count > 0) {
+            --m_count;
+            return kWaitSignalled;
         }
-        m_head = w->next;
-        if (!m_head) {
-            m_tail = nullptr;
+        if (aMsec == 0) {
+            return kWaitTimeout;
         }
-        w->released = true;
-        w->cond.notify_one();
+        WaitQueue::Waiter self;
+        m_waiters.Enqueue_l(&self);
+        return m_waiters.Sleep(self, lock, aMsec);
+    }
+
+    bool Release(long aCount) {
+        WaitQueue::Waiter* released = nullptr;
+        WaitQueue::Waiter** tail = &released;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (aCount < 1 || aCount > m_maximum - m_count) {
+                errno = EINVAL;
+                return false;
+            }
+            m_count += aCount;
+            while (m_count > 0 && !m_waiters.Empty_l()) {
+                --m_count;
+                *tail = m_waiters.TakeOne_l();
+                tail = &(*tail)->next;
+            }
+        }
+        WaitQueue::Wake(released);
         return true;
     }
 
+private:
+    WaitQueue m_waiters;
+    long m_count;
+    const long m_maximum;
+};
+
+// An auto-reset event releases one waiter per signal (two quick signals
+// release two, as the kernel does, instead of folding into one flag); a pulse
+// releases exactly the threads waiting at the time.
+class Event : public KernelObject {
+public:
+    Event(bool aManual, bool aInitial)
+        : KernelObject(kEvent), m_manual(aManual), m_signalled(aInitial) {}
+
+    uint32_t Wait(uint32_t aMsec) override {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_signalled) {
+            m_signalled = m_manual;
+            return kWaitSignalled;
+        }
+        if (aMsec == 0) {
+            return kWaitTimeout;
+        }
+        WaitQueue::Waiter self;
+        m_waiters.Enqueue_l(&self);
+        return m_waiters.Sleep(self, lock, aMsec);
+    }
+
+    void Set() {
+        WaitQueue::Waiter* released;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_manual) {
+                m_signalled = true;
+                released = m_waiters.TakeAll_l();
+            } else if (!(released = m_waiters.TakeOne_l())) {
+                m_signalled = true;
+            }
+        }
+        WaitQueue::Wake(released);
+    }
+
+    void Reset() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_signalled = false;
+    }
+
+    void Pulse() {
+        WaitQueue::Waiter* released;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_signalled = false;
+            released = m_manual ? m_waiters.TakeAll_l() : m_waiters.TakeOne_l();
+        }
+        WaitQueue::Wake(released);
+    }
+
+    long WaiterCount() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_waiters.Count_l();
+    }
+
+private:
+    WaitQueue m_waiters;
     const bool m_manual;
     bool m_signalled;
-    Waiter* m_head = nullptr;  // oldest waiter first
-    Waiter* m_tail = nullptr;
 };
 
 // Signalled once the thread's procedure has returned. Owned jointly by the

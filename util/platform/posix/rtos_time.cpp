@@ -19,7 +19,10 @@ namespace {
 // ids are asked once and kept. A forked child starts with the parent's copies,
 // so it forgets them.
 std::atomic<uint32_t> g_pid{0};
-thread_local uint32_t t_tid = 0;
+// Initial-exec: a plain load off the thread pointer instead of a call into
+// the dynamic linker on every owner-thread check. Four bytes fit the static
+// TLS room glibc keeps for libraries, even one loaded with dlopen.
+__attribute__((tls_model("initial-exec"))) thread_local uint32_t t_tid = 0;
 
 void ForgetIdsInChild() {
     g_pid.store(0, std::memory_order_relaxed);
@@ -61,6 +64,14 @@ uint64_t SystemTimeAsFileTime() {
     const uint64_t kEpochDelta = 116444736000000000ull;  // 1601-01-01 to 1970-01-01
     return static_cast<uint64_t>(ts.tv_sec) * 10000000u + static_cast<uint64_t>(ts.tv_nsec) / 100u +
            kEpochDelta;
+}
+
+// The coarse clock is the kernel's last tick, read from the vDSO page without
+// touching the time-stamp counter.
+int64_t SystemTimeUsecCoarse() {
+    struct timespec ts;
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
 void SleepMs(uint32_t aMsec) {

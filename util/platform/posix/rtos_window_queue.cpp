@@ -17,7 +17,8 @@ namespace rtos {
 namespace pump {
 namespace {
 
-thread_local Pump* t_pump = nullptr;
+// Read on every message; initial-exec as the thread id in rtos_time.cpp.
+__attribute__((tls_model("initial-exec"))) thread_local Pump* t_pump = nullptr;
 
 // Releases the thread's pump when the thread ends; touched once, when the pump
 // is created, which registers the clean-up.
