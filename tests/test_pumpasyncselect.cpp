@@ -135,6 +135,20 @@ size_t FillUntilWouldBlock(int aFd) {
     }
 }
 
+// Fills the socket, then waits out the acknowledgements still on their way,
+// which free room of their own: filled again until a pause frees nothing.
+size_t FillAndSettle(int aFd) {
+    size_t total = FillUntilWouldBlock(aFd);
+    for (;;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        const size_t more = FillUntilWouldBlock(aFd);
+        if (more == 0) {
+            return total;
+        }
+        total += more;
+    }
+}
+
 void ReadExactly(int aFd, size_t aBytes) {
     static char sink[65536];
     while (aBytes > 0) {
@@ -221,7 +235,7 @@ TEST(PumpSelect, WriteIsReportedFirstAndAgainOnlyAfterAWouldBlock) {
     EXPECT_EQ(w.Count(rtos::kFdWrite), 1);
 
     // Announced (from another thread, as a sender may be): reported once.
-    filled = FillUntilWouldBlock(p.client);
+    filled = FillAndSettle(p.client);
     std::thread([&] { rtos::SocketSendWouldBlock(p.client); }).join();
     w.PumpFor(50);
     EXPECT_EQ(w.Count(rtos::kFdWrite), 1) << "no room yet";
