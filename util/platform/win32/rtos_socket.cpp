@@ -1,0 +1,182 @@
+// Sockets on Windows: Winsock 2 itself. WSARecv, WSASend and WSASendTo take
+// the iovec array as it is, since it has WSABUF's layout.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <climits>
+
+#include "rtossocket.h"
+
+static_assert(sizeof(iovec) == sizeof(WSABUF) &&
+                  offsetof(iovec, iov_len) == offsetof(WSABUF, len) &&
+                  offsetof(iovec, iov_base) == offsetof(WSABUF, buf),
+              "iovec must have WSABUF's layout");
+
+namespace rtos {
+namespace {
+
+SOCKET Sock(SocketHandle aSocket) {
+    return static_cast<SOCKET>(aSocket);
+}
+
+int CutLength(unsigned long aLen) {
+    return aLen > static_cast<unsigned long>(INT_MAX) ? INT_MAX : static_cast<int>(aLen);
+}
+
+int Count(int aRv) {
+    return aRv == SOCKET_ERROR ? -1 : aRv;
+}
+
+// The length in and out of the address calls, as Winsock's int.
+class AddrLen {
+public:
+    explicit AddrLen(unsigned long* aLen)
+        : m_pLen(aLen), m_len(aLen ? static_cast<int>(*aLen) : 0) {}
+    ~AddrLen() {
+        if (m_pLen) {
+            *m_pLen = static_cast<unsigned long>(m_len);
+        }
+    }
+    int* Get() { return m_pLen ? &m_len : nullptr; }
+
+private:
+    unsigned long* m_pLen;
+    int m_len;
+};
+
+WSABUF* Buffers(const iovec* aIov) {
+    return reinterpret_cast<WSABUF*>(const_cast<iovec*>(aIov));
+}
+
+// A vector call's byte count, or -1.
+int Moved(int aRv, DWORD aBytes) {
+    return aRv == SOCKET_ERROR ? -1 : static_cast<int>(aBytes > INT_MAX ? INT_MAX : aBytes);
+}
+
+}  // namespace
+
+uint32_t InetAddr(const char* aText) {
+    return aText ? ::inet_addr(aText) : kInaddrNone;
+}
+
+void InetNtoa(uint32_t aAddr, char* aBuf, size_t aLen) {
+    if (!aBuf || aLen == 0) {
+        return;
+    }
+    in_addr addr;
+    addr.s_addr = aAddr;
+    if (!::inet_ntop(AF_INET, &addr, aBuf, aLen)) {
+        aBuf[0] = '\0';
+    }
+}
+
+SocketHandle SocketCreate(int aFamily, int aType, int aProtocol) {
+    // WSASocket rather than socket: without WSA_FLAG_NO_HANDLE_INHERIT a
+    // child process would keep the host's connections open.
+    SOCKET s = ::WSASocketA(aFamily, aType, aProtocol, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
+    return s == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(s);
+}
+
+int SocketClose(SocketHandle aSocket) {
+    return ::closesocket(Sock(aSocket)) == 0 ? 0 : -1;
+}
+
+int SocketShutdown(SocketHandle aSocket, int aHow) {
+    return ::shutdown(Sock(aSocket), aHow == kShutRead ? SD_RECEIVE : SD_SEND) == 0 ? 0 : -1;
+}
+
+int SocketBind(SocketHandle aSocket, const sockaddr* aAddr, unsigned long aLen) {
+    return ::bind(Sock(aSocket), aAddr, static_cast<int>(aLen)) == 0 ? 0 : -1;
+}
+
+int SocketListen(SocketHandle aSocket, int aBacklog) {
+    return ::listen(Sock(aSocket), aBacklog) == 0 ? 0 : -1;
+}
+
+SocketHandle SocketAccept(SocketHandle aSocket, sockaddr* aAddr, unsigned long* aLen) {
+    AddrLen len(aLen);
+    SOCKET s = ::accept(Sock(aSocket), aAddr, len.Get());
+    return s == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(s);
+}
+
+int SocketConnect(SocketHandle aSocket, const sockaddr* aAddr, unsigned long aLen) {
+    return ::connect(Sock(aSocket), aAddr, static_cast<int>(aLen)) == 0 ? 0 : -1;
+}
+
+int SocketGetName(SocketHandle aSocket, sockaddr* aAddr, unsigned long* aLen) {
+    AddrLen len(aLen);
+    return ::getsockname(Sock(aSocket), aAddr, len.Get()) == 0 ? 0 : -1;
+}
+
+int SocketGetPeerName(SocketHandle aSocket, sockaddr* aAddr, unsigned long* aLen) {
+    AddrLen len(aLen);
+    return ::getpeername(Sock(aSocket), aAddr, len.Get()) == 0 ? 0 : -1;
+}
+
+int SocketSetOption(SocketHandle aSocket, int aLevel, int aOption, const void* aVal, int aLen) {
+    return ::setsockopt(Sock(aSocket), aLevel, aOption, static_cast<const char*>(aVal), aLen) == 0
+               ? 0
+               : -1;
+}
+
+int SocketGetOption(SocketHandle aSocket, int aLevel, int aOption, void* aVal, int* aLen) {
+    return ::getsockopt(Sock(aSocket), aLevel, aOption, static_cast<char*>(aVal), aLen) == 0 ? 0
+                                                                                             : -1;
+}
+
+int SocketSetNonBlocking(SocketHandle aSocket, bool aOn) {
+    u_long on = aOn ? 1 : 0;
+    return ::ioctlsocket(Sock(aSocket), FIONBIO, &on) == 0 ? 0 : -1;
+}
+
+int SocketIoctl(SocketHandle aSocket, int aCmd, void* aArg) {
+    return ::ioctlsocket(Sock(aSocket), static_cast<long>(aCmd), static_cast<u_long*>(aArg)) == 0
+               ? 0
+               : -1;
+}
+
+int SocketRecv(SocketHandle aSocket, char* aBuf, unsigned long aLen, int aFlags) {
+    return Count(::recv(Sock(aSocket), aBuf, CutLength(aLen), aFlags));
+}
+
+int SocketSend(SocketHandle aSocket, const char* aBuf, unsigned long aLen, int aFlags) {
+    return Count(::send(Sock(aSocket), aBuf, CutLength(aLen), aFlags));
+}
+
+int SocketRecvV(SocketHandle aSocket, iovec* aIov, unsigned long aCount) {
+    DWORD bytes = 0, flags = 0;
+    int rv = ::WSARecv(Sock(aSocket), Buffers(aIov), aCount, &bytes, &flags, nullptr, nullptr);
+    return Moved(rv, bytes);
+}
+
+int SocketSendV(SocketHandle aSocket, const iovec* aIov, unsigned long aCount) {
+    DWORD bytes = 0;
+    int rv = ::WSASend(Sock(aSocket), Buffers(aIov), aCount, &bytes, 0, nullptr, nullptr);
+    return Moved(rv, bytes);
+}
+
+int SocketRecvFrom(SocketHandle aSocket, char* aBuf, unsigned long aLen, int aFlags,
+                   sockaddr* aAddr, unsigned long* aAddrLen) {
+    AddrLen len(aAddrLen);
+    return Count(::recvfrom(Sock(aSocket), aBuf, CutLength(aLen), aFlags, aAddr, len.Get()));
+}
+
+int SocketSendTo(SocketHandle aSocket, const char* aBuf, unsigned long aLen, int aFlags,
+                 const sockaddr* aAddr, unsigned long aAddrLen) {
+    return Count(
+        ::sendto(Sock(aSocket), aBuf, CutLength(aLen), aFlags, aAddr, static_cast<int>(aAddrLen)));
+}
+
+int SocketSendVTo(SocketHandle aSocket, const iovec* aIov, unsigned long aCount,
+                  const sockaddr* aAddr, unsigned long aAddrLen) {
+    DWORD bytes = 0;
+    int rv = ::WSASendTo(Sock(aSocket), Buffers(aIov), aCount, &bytes, 0, aAddr,
+                         static_cast<int>(aAddrLen), nullptr, nullptr);
+    return Moved(rv, bytes);
+}
+
+bool SocketErrorIsWouldBlock(int aErr) {
+    return aErr == WSAEWOULDBLOCK;
+}
+
+}  // namespace rtos
