@@ -3,6 +3,8 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <errno.h>
+
 #include <climits>
 
 #include "rtossocket.h"
@@ -23,8 +25,22 @@ int CutLength(unsigned long aLen) {
     return aLen > static_cast<unsigned long>(INT_MAX) ? INT_MAX : static_cast<int>(aLen);
 }
 
+// Winsock's result: -1 for SOCKET_ERROR, with its error copied to errno as
+// well, where callers of the socket wrappers look for it.
 int Count(int aRv) {
-    return aRv == SOCKET_ERROR ? -1 : aRv;
+    if (aRv == SOCKET_ERROR) {
+        errno = ::WSAGetLastError();
+        return -1;
+    }
+    return aRv;
+}
+
+SocketHandle Opened(SOCKET aSocket) {
+    if (aSocket == INVALID_SOCKET) {
+        errno = ::WSAGetLastError();
+        return kInvalidSocket;
+    }
+    return static_cast<SocketHandle>(aSocket);
 }
 
 // The length in and out of the address calls, as Winsock's int.
@@ -50,7 +66,7 @@ WSABUF* Buffers(const iovec* aIov) {
 
 // A vector call's byte count, or -1.
 int Moved(int aRv, DWORD aBytes) {
-    return aRv == SOCKET_ERROR ? -1 : static_cast<int>(aBytes > INT_MAX ? INT_MAX : aBytes);
+    return Count(aRv) < 0 ? -1 : static_cast<int>(aBytes > INT_MAX ? INT_MAX : aBytes);
 }
 
 }  // namespace
@@ -74,65 +90,61 @@ SocketHandle SocketCreate(int aFamily, int aType, int aProtocol) {
     // WSASocket rather than socket: without WSA_FLAG_NO_HANDLE_INHERIT a
     // child process would keep the host's connections open.
     SOCKET s = ::WSASocketA(aFamily, aType, aProtocol, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);
-    return s == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(s);
+    return Opened(s);
 }
 
 int SocketClose(SocketHandle aSocket) {
-    return ::closesocket(Sock(aSocket)) == 0 ? 0 : -1;
+    return Count(::closesocket(Sock(aSocket)));
 }
 
 int SocketShutdown(SocketHandle aSocket, int aHow) {
-    return ::shutdown(Sock(aSocket), aHow == kShutRead ? SD_RECEIVE : SD_SEND) == 0 ? 0 : -1;
+    return Count(::shutdown(Sock(aSocket), aHow == kShutRead ? SD_RECEIVE : SD_SEND));
 }
 
 int SocketBind(SocketHandle aSocket, const sockaddr* aAddr, unsigned long aLen) {
-    return ::bind(Sock(aSocket), aAddr, static_cast<int>(aLen)) == 0 ? 0 : -1;
+    return Count(::bind(Sock(aSocket), aAddr, static_cast<int>(aLen)));
 }
 
 int SocketListen(SocketHandle aSocket, int aBacklog) {
-    return ::listen(Sock(aSocket), aBacklog) == 0 ? 0 : -1;
+    return Count(::listen(Sock(aSocket), aBacklog));
 }
 
 SocketHandle SocketAccept(SocketHandle aSocket, sockaddr* aAddr, unsigned long* aLen) {
     AddrLen len(aLen);
     SOCKET s = ::accept(Sock(aSocket), aAddr, len.Get());
-    return s == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(s);
+    return Opened(s);
 }
 
 int SocketConnect(SocketHandle aSocket, const sockaddr* aAddr, unsigned long aLen) {
-    return ::connect(Sock(aSocket), aAddr, static_cast<int>(aLen)) == 0 ? 0 : -1;
+    return Count(::connect(Sock(aSocket), aAddr, static_cast<int>(aLen)));
 }
 
 int SocketGetName(SocketHandle aSocket, sockaddr* aAddr, unsigned long* aLen) {
     AddrLen len(aLen);
-    return ::getsockname(Sock(aSocket), aAddr, len.Get()) == 0 ? 0 : -1;
+    return Count(::getsockname(Sock(aSocket), aAddr, len.Get()));
 }
 
 int SocketGetPeerName(SocketHandle aSocket, sockaddr* aAddr, unsigned long* aLen) {
     AddrLen len(aLen);
-    return ::getpeername(Sock(aSocket), aAddr, len.Get()) == 0 ? 0 : -1;
+    return Count(::getpeername(Sock(aSocket), aAddr, len.Get()));
 }
 
 int SocketSetOption(SocketHandle aSocket, int aLevel, int aOption, const void* aVal, int aLen) {
-    return ::setsockopt(Sock(aSocket), aLevel, aOption, static_cast<const char*>(aVal), aLen) == 0
-               ? 0
-               : -1;
+    return Count(
+        ::setsockopt(Sock(aSocket), aLevel, aOption, static_cast<const char*>(aVal), aLen));
 }
 
 int SocketGetOption(SocketHandle aSocket, int aLevel, int aOption, void* aVal, int* aLen) {
-    return ::getsockopt(Sock(aSocket), aLevel, aOption, static_cast<char*>(aVal), aLen) == 0 ? 0
-                                                                                             : -1;
+    return Count(::getsockopt(Sock(aSocket), aLevel, aOption, static_cast<char*>(aVal), aLen));
 }
 
 int SocketSetNonBlocking(SocketHandle aSocket, bool aOn) {
     u_long on = aOn ? 1 : 0;
-    return ::ioctlsocket(Sock(aSocket), FIONBIO, &on) == 0 ? 0 : -1;
+    return Count(::ioctlsocket(Sock(aSocket), FIONBIO, &on));
 }
 
 int SocketIoctl(SocketHandle aSocket, int aCmd, void* aArg) {
-    return ::ioctlsocket(Sock(aSocket), static_cast<long>(aCmd), static_cast<u_long*>(aArg)) == 0
-               ? 0
-               : -1;
+    return Count(::ioctlsocket(Sock(aSocket), static_cast<long>(aCmd), static_cast<u_long*>(aArg)));
 }
 
 int SocketRecv(SocketHandle aSocket, char* aBuf, unsigned long aLen, int aFlags) {

@@ -1,4 +1,5 @@
 // Identity, clocks and sleeping on Windows.
+#include <errno.h>
 #include <time.h>
 #include <windows.h>
 
@@ -65,8 +66,10 @@ bool GetOsVersion(OsVersion& aOut) {
 int LastError() {
     return static_cast<int>(::GetLastError());
 }
+// errno follows, since the socket wrappers' callers read errno.
 void SetLastError(int aErr) {
     ::SetLastError(static_cast<DWORD>(aErr));
+    errno = aErr;
 }
 
 }  // namespace rtos
