@@ -2,12 +2,16 @@
 # Installs, with apt-get, whatever the build and the tests need and the machine
 # lacks. Does nothing when everything is there.
 #   --compare  also the peer libraries of scripts/compare.sh
+#   --windows  also the mingw-w64 cross compilers, GoogleTest's sources, Wine
+#              and a virtual X display (scripts/windows.sh)
 set -euo pipefail
 packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev)
-if [ "${1:-}" = "--compare" ]; then
-    packages+=(libuv1-dev libasio-dev libevent-dev libace-dev)
-fi
+case "${1:-}" in
+    --compare) packages+=(libuv1-dev libasio-dev libevent-dev libace-dev) ;;
+    --windows) packages+=(g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest
+                          wine64 xvfb xauth) ;;
+esac
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

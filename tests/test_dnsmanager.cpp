@@ -5,7 +5,6 @@
 // Lookups go through a made-up resolver, so nothing depends on the network.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <stdlib.h>
 
 #include <atomic>
@@ -409,6 +408,9 @@ TEST_P(DnsManager, ASyncLookupOfAPendingNameNeitherStealsAnAnswerNorStallsTheQue
 }
 
 TEST_P(DnsManager, ARecordThatCannotBeAllocatedFailsWithoutHarm) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: a program's operator new does not replace the DLL's";
+#endif
     g_failRecords = true;
     CRtDnsRecord* record = nullptr;
     EXPECT_EQ(Lookup("a.test"), RT_ERROR_OUT_OF_MEMORY);

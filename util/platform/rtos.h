@@ -94,10 +94,10 @@ typedef unsigned (*ThreadProc)(void* aArg);
 // Starts aProc(aArg) on a new thread. Null on failure. *aTid receives the new
 // thread's id once it is known (before this returns).
 RT_API Handle ThreadCreate(ThreadProc aProc, void* aArg, uint32_t* aTid);
-// Gives up on a thread that did not end in time. POSIX cannot stop a thread
-// safely, so it is left running, detached, and this returns false; Windows
-// terminates it (TerminateThread) and returns true. Either way the caller must
-// keep alive whatever the thread may still use.
+// Gives up on a thread that did not end in time. No system can stop a thread
+// safely from outside (TerminateThread may leave a lock held for good), so it
+// is left running, detached; the caller must keep alive whatever the thread
+// still uses. Returns false: the thread was not terminated.
 RT_API bool ThreadAbandon(Handle aThread);
 
 // ---- Loaded modules and the library's entry point ---------------------------

@@ -20,6 +20,8 @@ struct LockStorage {
 };
 
 constexpr char kPathSeparator = '/';
+// The library's own file, as the module list names it.
+constexpr char kLibraryFileName[] = "libkvtframework.so";
 
 }  // namespace rtos
 

@@ -63,6 +63,10 @@ Handle SemaphoreCreate(long aInitial, long aMaximum, const char* aName) {
 
 bool SemaphoreRelease(Handle aSem, long aCount) {
     KernelObject* sem = As(aSem, KernelObject::kSemaphore);
+    if (sem && aCount < 1) {
+        ::SetLastError(ERROR_INVALID_PARAMETER);  // Wine would take a count of 0
+        return false;
+    }
     return sem && ::ReleaseSemaphore(sem->handle, aCount, nullptr);
 }
 
@@ -140,9 +144,14 @@ Handle ThreadCreate(ThreadProc aProc, void* aArg, uint32_t* aTid) {
     return Wrap(KernelObject::kThread, reinterpret_cast<HANDLE>(thread));
 }
 
+// TerminateThread would stop the thread wherever it is, holding the heap's or
+// the loader's lock perhaps, and hang the process later: it is left running,
+// as on POSIX. Its handle stays valid until closed.
 bool ThreadAbandon(Handle aThread) {
-    KernelObject* t = As(aThread, KernelObject::kThread);
-    return t && ::TerminateThread(t->handle, 1);
+    if (As(aThread, KernelObject::kThread)) {
+        ::SetLastError(ERROR_BUSY);
+    }
+    return false;
 }
 
 }  // namespace rtos

@@ -9,6 +9,7 @@
 
 #include "rtos.h"
 #include "rtosnet.h"
+#include "rtos_winsock.h"
 
 namespace rtos {
 namespace {
@@ -16,6 +17,7 @@ namespace {
 std::atomic<unsigned> g_socketStartups{0};
 
 int SystemLookup(const char* aName, HostInfo& aOut) {
+    EnsureWinsock();
     const hostent* host = ::gethostbyname(aName);
     if (!host) {
         int err = ::WSAGetLastError();
@@ -44,6 +46,14 @@ int SystemLookup(const char* aName, HostInfo& aOut) {
 std::atomic<HostLookup> g_lookup{nullptr};
 
 }  // namespace
+
+bool EnsureWinsock() {
+    static const bool s_started = [] {
+        WSADATA data;
+        return ::WSAStartup(kSocketVersion22, &data) == 0;
+    }();
+    return s_started;
+}
 
 int SocketStartup(uint16_t aRequested, uint16_t* aGranted) {
     if (!aGranted) {
@@ -80,6 +90,7 @@ int GetHostName(char* aBuf, size_t aLen) {
     if (!aBuf || aLen == 0) {
         return WSAEFAULT;
     }
+    EnsureWinsock();
     if (::gethostname(aBuf, static_cast<int>(std::min<size_t>(aLen, 0x7FFFFFFF))) != 0) {
         aBuf[0] = '\0';
         return ::WSAGetLastError();

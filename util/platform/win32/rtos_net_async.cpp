@@ -21,6 +21,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "rtos_winsock.h"
 #include "rtosnet.h"
 
 namespace rtos {
@@ -72,7 +73,7 @@ public:
         if (HostLookupStandIn()) {
             std::thread(&LookupTable::StandInLookup, this, id, std::string(aName)).detach();
         } else {
-            if (!StartWindow_l()) {
+            if (!EnsureWinsock() || !StartWindow_l()) {
                 return 0;
             }
             req->answer.reset(new char[MAXGETHOSTSTRUCT]);

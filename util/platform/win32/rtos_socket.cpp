@@ -7,6 +7,7 @@
 
 #include <climits>
 
+#include "rtos_winsock.h"
 #include "rtossocket.h"
 
 static_assert(sizeof(iovec) == sizeof(WSABUF) &&
@@ -87,6 +88,7 @@ void InetNtoa(uint32_t aAddr, char* aBuf, size_t aLen) {
 }
 
 SocketHandle SocketCreate(int aFamily, int aType, int aProtocol) {
+    EnsureWinsock();
     // WSASocket rather than socket: without WSA_FLAG_NO_HANDLE_INHERIT a
     // child process would keep the host's connections open.
     SOCKET s = ::WSASocketA(aFamily, aType, aProtocol, nullptr, 0, WSA_FLAG_NO_HANDLE_INHERIT);

@@ -1,5 +1,4 @@
 // Identity, clocks and sleeping on Windows.
-#include <errno.h>
 #include <time.h>
 #include <windows.h>
 
@@ -66,10 +65,8 @@ bool GetOsVersion(OsVersion& aOut) {
 int LastError() {
     return static_cast<int>(::GetLastError());
 }
-// errno follows, since the socket wrappers' callers read errno.
 void SetLastError(int aErr) {
     ::SetLastError(static_cast<DWORD>(aErr));
-    errno = aErr;
 }
 
 }  // namespace rtos

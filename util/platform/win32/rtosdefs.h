@@ -19,6 +19,8 @@ struct LockStorage {
 };
 
 constexpr char kPathSeparator = '\\';
+// The library's own file, as the module list names it.
+constexpr char kLibraryFileName[] = "kvtframework.dll";
 
 }  // namespace rtos
 

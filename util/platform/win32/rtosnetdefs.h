@@ -11,7 +11,7 @@ constexpr int kTryAgain = WSATRY_AGAIN;           // may work later
 constexpr int kNoRecovery = WSANO_RECOVERY;       // the lookup failed for good
 constexpr int kNoData = WSANO_DATA;               // the name has no IPv4 address
 constexpr int kNoBufferSpace = WSAENOBUFS;
-constexpr int kBadArgument = WSAEFAULT;
+constexpr int kBadArgument = WSAEINVAL;
 
 }  // namespace rtos
 
