@@ -17,7 +17,8 @@ configure() {
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVT_BUILD_BENCH=OFF "${@:3}" >/dev/null
 }
 configure build-win32 mingw-i686 -DKVT_BUILD_TESTS=OFF
-cmake --build build-win32 -j"$(nproc)" >&2
+cmake --build build-win32 -j"$(nproc)" --target kvtframework kvt_demo kvt_resolve \
+    kvt_echo_server >&2
 configure build-win64 mingw-x86_64
 cmake --build build-win64 -j"$(nproc)" >&2
 echo "windows: built in $(($(date +%s) - start)) s"

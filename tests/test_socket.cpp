@@ -135,8 +135,10 @@ TEST_F(Socket, OpenSetsAddressReuseOnlyWhenAskedOnInternetSockets) {
     EXPECT_EQ(1, ReuseOf(stream));
     ASSERT_EQ(0, stream.Open(0));
     EXPECT_EQ(0, ReuseOf(stream));
+#ifndef _WIN32  // AF_UNIX sockets are POSIX's
     ASSERT_EQ(0, stream.CRtSocketBase::Open(AF_UNIX, SOCK_STREAM, 0, 1));
     EXPECT_EQ(0, ReuseOf(stream));
+#endif
     CRtSocketDgram dgram;
     ASSERT_EQ(0, dgram.Open(CRtInetAddr("127.0.0.1:0")));
     EXPECT_EQ(0, ReuseOf(dgram));
@@ -150,7 +152,13 @@ TEST_F(Socket, FailedOpenOrBindKeepsTheErrorAndClosesTheSocket) {
     ASSERT_EQ(0, listener.GetLocalAddr(taken));
     for (int reuse : {0, 1}) {
         CRtSocketStream sock;
-        EXPECT_EQ(kErrAddressInUse, ErrorOf(sock.Open(reuse, taken)));
+        const int err = ErrorOf(sock.Open(reuse, taken));
+#ifdef _WIN32
+        // With address reuse Winsock may call the taken address forbidden.
+        EXPECT_TRUE(err == kErrAddressInUse || (reuse && err == WSAEACCES)) << err;
+#else
+        EXPECT_EQ(kErrAddressInUse, err);
+#endif
         EXPECT_EQ(kInvalid, sock.GetHandle());
     }
 
@@ -202,7 +210,11 @@ TEST_F(Socket, StreamTransfersNonBlockingReadsAndHalfCloses) {
     EXPECT_EQ(2, server.Send("ok", 2, 0));
     EXPECT_EQ(2, client.Recv(buf, sizeof(buf), 0));
     ASSERT_EQ(0, server.CloseReader());
+#ifdef _WIN32
+    EXPECT_EQ(WSAESHUTDOWN, ErrorOf(server.Recv(buf, sizeof(buf), 0)));  // Winsock refuses
+#else
     EXPECT_EQ(0, server.Recv(buf, sizeof(buf), 0));
+#endif
 }
 
 TEST_F(Socket, GracefulCloseAndReopenShutTheSendingSideFirst) {
