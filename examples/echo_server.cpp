@@ -45,6 +45,16 @@ bool ParseArgs(int argc, char** argv, CRtInetAddr& aAddr) {
            RT_SUCCEEDED(aAddr.Set(address, static_cast<unsigned short>(port)));
 }
 
+#ifdef _WIN32
+// Ctrl+C and Ctrl+Break arrive on a thread of the console's own.
+std::atomic<int> g_consoleStop{0};
+BOOL WINAPI OnConsoleStop(DWORD aType) {
+    g_consoleStop = aType == CTRL_C_EVENT ? SIGINT : SIGTERM;
+    RtStopMainLoop();
+    return TRUE;
+}
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,15 +112,8 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
 
 #ifdef _WIN32
-    // Ctrl+C and Ctrl+Break arrive on a thread of the console's own.
-    static std::atomic<int> caught{0};
-    ::SetConsoleCtrlHandler(
-        [](DWORD aType) -> BOOL {
-            caught = aType == CTRL_C_EVENT ? SIGINT : SIGTERM;
-            RtStopMainLoop();
-            return TRUE;
-        },
-        TRUE);
+    std::atomic<int>& caught = g_consoleStop;
+    ::SetConsoleCtrlHandler(&OnConsoleStop, TRUE);
     rv = RtRunMainLoop();
 #else
     std::atomic<int> caught{0};
