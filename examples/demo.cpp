@@ -5,7 +5,13 @@
 // passed.
 //
 //   kvt_demo [--verbose]     (--verbose also prints every trace line)
+#ifdef _WIN32
+#include <io.h>
+#define isatty _isatty
+#define STDOUT_FILENO 1
+#else
 #include <unistd.h>
+#endif
 
 #include <atomic>
 #include <cstdio>

@@ -1,7 +1,8 @@
 #include "echo_client.h"
 
+#include "host_sockets.h"
+
 #include <errno.h>
-#include <sys/socket.h>
 
 #include <cstring>
 
@@ -46,7 +47,7 @@ int CEchoClient::Start(const CRtInetAddr& aServer, int aRecvBuffer) {
     }
     int fd = FdOf(m_Socket.GetHandle());
     if (aRecvBuffer > 0) {
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &aRecvBuffer, sizeof(aRecvBuffer));
+        host::SetIntOption(fd, SOL_SOCKET, SO_RCVBUF, aRecvBuffer);
     }
     // Registered before connecting, so that the completion is seen.
     int rv = m_pReactor->RegisterHandler(this, CONNECT_MASK | READ_MASK | WRITE_MASK);
@@ -57,8 +58,8 @@ int CEchoClient::Start(const CRtInetAddr& aServer, int aRecvBuffer) {
     m_bRegistered = true;
     if (::connect(fd, reinterpret_cast<const sockaddr*>(aServer.GetPtr()), aServer.GetSize()) !=
             0 &&
-        errno != EINPROGRESS) {
-        int err = errno;
+        !host::ConnectPending(host::LastSocketError())) {
+        int err = host::LastSocketError();
         Stop();
         errno = err;
         return RT_ERROR_NETWORK_SOCKET_ERROR;
@@ -107,7 +108,7 @@ int CEchoClient::Pump_i() {
 
 int CEchoClient::OnInput(void*) {
     int n = m_Socket.Recv(m_RecvBuf, sizeof(m_RecvBuf), 0);
-    if (n < 0 && (errno == EWOULDBLOCK || errno == EAGAIN || errno == EINTR)) {
+    if (n < 0 && (host::WouldBlock(errno) || host::Interrupted(errno))) {
         return 0;
     }
     if (n <= 0) {

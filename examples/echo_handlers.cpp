@@ -1,9 +1,8 @@
 #include "echo_handlers.h"
 
+#include "host_sockets.h"
+
 #include <errno.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 
 #include <cstdint>
 
@@ -80,11 +79,11 @@ long CSendQueue::Flush(const CRtSocketStream& aSocket, bool* aShort) {
         if (sent < 0) {
             // Only a would-block re-arms the writability report, so a short
             // send is followed by another try rather than by waiting.
-            if (errno == EWOULDBLOCK || errno == EAGAIN) {
+            if (host::WouldBlock(errno)) {
                 *aShort = true;
                 break;
             }
-            if (errno == EINTR) {
+            if (host::Interrupted(errno)) {
                 continue;
             }
             return -1;
@@ -121,7 +120,7 @@ int CEchoConnection::OnInput(void*) {
         return -1;  // the peer closed
     }
     if (n < 0) {
-        return errno == EWOULDBLOCK || errno == EAGAIN || errno == EINTR ? 0 : -1;
+        return host::WouldBlock(errno) || host::Interrupted(errno) ? 0 : -1;
     }
     m_pRecv->AdvanceTopLevelWritePtr(static_cast<unsigned long>(n));
     if (RT_FAILED(m_Out.Queue(*m_pRecv))) {
@@ -166,8 +165,11 @@ int CEchoServer::Start(const CRtInetAddr& aAddr, int aSendBuffer) {
         return RT_ERROR_ALREADY_INITIALIZED;
     }
     m_nSendBuffer = aSendBuffer;
-    if (m_Socket.Open(1, aAddr) != 0 || ::listen(FdOf(m_Socket.GetHandle()), SOMAXCONN) != 0) {
-        int err = errno;
+    if (m_Socket.Open(1, aAddr) != 0) {
+        return RT_ERROR_NETWORK_SOCKET_ERROR;  // Open closed it and kept its errno
+    }
+    if (::listen(FdOf(m_Socket.GetHandle()), SOMAXCONN) != 0) {
+        int err = host::LastSocketError();
         m_Socket.Close(1);
         errno = err;
         return RT_ERROR_NETWORK_SOCKET_ERROR;
@@ -205,18 +207,19 @@ CRtInetAddr CEchoServer::GetLocalAddr() const {
 
 int CEchoServer::OnInput(void* aFd) {
     for (int i = 0; i < kAcceptsPerTurn; ++i) {
-        int fd = ::accept4(FdOf(aFd), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = host::AcceptNonBlocking(FdOf(aFd));
         if (fd >= 0) {
             Accept_i(fd);
             continue;
         }
-        if (errno == EINTR || errno == ECONNABORTED) {
+        const int err = host::LastSocketError();
+        if (host::Interrupted(err) || host::AcceptAborted(err)) {
             continue;
         }
-        if (errno != EWOULDBLOCK && errno != EAGAIN) {
+        if (!host::WouldBlock(err)) {
             // Out of descriptors, most likely: the listener stays, and the
             // connection waits until a descriptor is free again.
-            RT_WARNING_TRACE("CEchoServer::OnInput, accept() failed. errno=" << errno);
+            RT_WARNING_TRACE("CEchoServer::OnInput, accept() failed. errno=" << err);
         }
         break;
     }
@@ -224,10 +227,9 @@ int CEchoServer::OnInput(void* aFd) {
 }
 
 void CEchoServer::Accept_i(int aFd) {
-    int one = 1;
-    ::setsockopt(aFd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    host::SetIntOption(aFd, IPPROTO_TCP, TCP_NODELAY, 1);
     if (m_nSendBuffer > 0) {
-        ::setsockopt(aFd, SOL_SOCKET, SO_SNDBUF, &m_nSendBuffer, sizeof(m_nSendBuffer));
+        host::SetIntOption(aFd, SOL_SOCKET, SO_SNDBUF, m_nSendBuffer);
     }
     auto* conn = new CEchoConnection(this, HandleOf(aFd));  // closes aFd when deleted
     if (RT_FAILED(m_pReactor->RegisterHandler(conn, READ_MASK | WRITE_MASK))) {

@@ -6,8 +6,12 @@
 // Talk to it with `nc 127.0.0.1 7000`. It prints the address it listens on
 // once it does, and exits 0 after a signal stopped it.
 #include <errno.h>
-#include <pthread.h>
 #include <signal.h>
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <pthread.h>
+#endif
 
 #include <atomic>
 #include <cstdio>
@@ -41,6 +45,16 @@ bool ParseArgs(int argc, char** argv, CRtInetAddr& aAddr) {
            RT_SUCCEEDED(aAddr.Set(address, static_cast<unsigned short>(port)));
 }
 
+#ifdef _WIN32
+// Ctrl+C and Ctrl+Break arrive on a thread of the console's own.
+std::atomic<int> g_consoleStop{0};
+BOOL WINAPI OnConsoleStop(DWORD aType) {
+    g_consoleStop = aType == CTRL_C_EVENT ? SIGINT : SIGTERM;
+    RtStopMainLoop();
+    return TRUE;
+}
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -54,6 +68,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+#ifndef _WIN32
     // Blocked before any framework thread exists, so that every thread
     // inherits the mask and only the watcher below ever takes these signals.
     sigset_t stopSignals;
@@ -61,6 +76,7 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+#endif
 
     CRtThreadManager* manager = CRtThreadManager::Instance();
     IRtReactor* network =
@@ -95,6 +111,11 @@ int main(int argc, char** argv) {
                 addr.GetPort());
     std::fflush(stdout);
 
+#ifdef _WIN32
+    std::atomic<int>& caught = g_consoleStop;
+    ::SetConsoleCtrlHandler(&OnConsoleStop, TRUE);
+    rv = RtRunMainLoop();
+#else
     std::atomic<int> caught{0};
     std::thread watcher([&] {
         int sig = 0;
@@ -109,6 +130,7 @@ int main(int argc, char** argv) {
         pthread_kill(watcher.native_handle(), SIGTERM);
     }
     watcher.join();
+#endif
 
     unsigned long accepted = 0, open = 0;
     uint64_t echoed = 0;

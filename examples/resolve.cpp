@@ -9,7 +9,11 @@
 // --thread-mode runs the lookups on a DNS thread of the manager's own instead
 // of the asynchronous requests answered to the network thread's window.
 // Exits 0 when every name resolved, 1 when one did not, 2 on bad arguments.
+#ifdef _WIN32
+#include <winsock2.h>
+#else
 #include <arpa/inet.h>
+#endif
 
 #include <atomic>
 #include <cstdio>
@@ -70,7 +74,12 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--sync") == 0) {
             sync = true;
         } else if (std::strcmp(argv[i], "--thread-mode") == 0) {
-            ::setenv("KVTIX_DNS_THREAD_MODE", "1", 1);  // read when the manager is made
+            // Read when the manager is made.
+#ifdef _WIN32
+            ::_putenv("KVTIX_DNS_THREAD_MODE=1");
+#else
+            ::setenv("KVTIX_DNS_THREAD_MODE", "1", 1);
+#endif
         } else if (argv[i][0] == '-') {
             std::fprintf(stderr, "usage: kvt_resolve [--sync] [--thread-mode] NAME...\n");
             return 2;

@@ -3,6 +3,10 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef _WIN32
+#include <direct.h>
+#include <io.h>
+#endif
 
 #include <cstdint>
 #include <cstdio>
@@ -34,10 +38,17 @@ void RemoveFolder() {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // Every read looks below the working directory, so the fuzzer works in a folder of its own.
+#ifdef _WIN32
+    if (!::_mktemp(g_szDir) || ::_mkdir(g_szDir) != 0 || ::_chdir(g_szDir) != 0) {
+        std::abort();
+    }
+    ::_mkdir("conf");
+#else
     if (!::mkdtemp(g_szDir) || ::chdir(g_szDir) != 0) {
         std::abort();
     }
     ::mkdir("conf", 0755);
+#endif
     ::atexit(&RemoveFolder);
     return 0;
 }

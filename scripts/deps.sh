@@ -3,6 +3,8 @@
 # lacks. Does nothing when everything is there.
 #   --compare  also the peer libraries of scripts/compare.sh
 #   --package  also what cpack needs for Debian packages (scripts/package.sh)
+#   --windows  also the mingw-w64 cross compilers, GoogleTest's sources, Wine
+#              and a virtual X display (scripts/windows.sh)
 set -euo pipefail
 packages=(build-essential cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
           clang libclang-rt-14-dev)
@@ -10,6 +12,8 @@ case "${1:-}" in
     --compare) packages+=(libuv1-dev libasio-dev libevent-dev libace-dev gnuplot-nox) ;;
     # dpkg-shlibdeps works out the runtime package's dependencies; it needs file.
     --package) packages+=(dpkg-dev file) ;;
+    --windows) packages+=(g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest
+                          wine64 xvfb xauth) ;;
 esac
 missing=()
 for p in "${packages[@]}"; do

@@ -5,12 +5,8 @@
 #ifndef TESTS_CONFIG_TEST_ENV_H
 #define TESTS_CONFIG_TEST_ENV_H
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <map>
@@ -18,10 +14,56 @@
 #include <string>
 #include <vector>
 
+#ifdef _WIN32
+#include <direct.h>
+#include <windows.h>
+
+#include <filesystem>
+#else
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 extern char** environ;
+#endif
+
+#ifdef _WIN32
+constexpr char kSep = '\\';
+inline int setenv(const char* aName, const char* aValue, int) {
+    return ::_putenv_s(aName, aValue);
+}
+inline int unsetenv(const char* aName) {
+    return ::_putenv_s(aName, "");
+}
+inline int mkdir(const char* aDir, int) {
+    return ::_mkdir(aDir);
+}
+#else
+constexpr char kSep = '/';
+#endif
 
 class TempDir {
 public:
+#ifdef _WIN32
+    TempDir() {
+        static int s_serial = 0;
+        char base[MAX_PATH];
+        ::GetTempPathA(sizeof(base), base);
+        for (int i = 0; i < 100 && m_path.empty(); ++i) {
+            std::string path = std::string(base) + "kvt_config_" +
+                               std::to_string(::GetCurrentProcessId()) + "_" +
+                               std::to_string(s_serial++);
+            if (::CreateDirectoryA(path.c_str(), nullptr)) {
+                m_path = path;
+            }
+        }
+    }
+    ~TempDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(m_path, ec);
+    }
+#else
     TempDir() {
         char tmpl[] = "/tmp/kvt_config_XXXXXX";
         const char* made = ::mkdtemp(tmpl);
@@ -36,11 +78,16 @@ public:
             (void)rc;
         }
     }
+#endif
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
-    const std::string& Path() const { return m_path; }
-    std::string operator/(const std::string& aName) const { return m_path + "/" + aName; }
+    const std::string& Path() const {
+        return m_path;
+    }
+    std::string operator/(const std::string& aName) const {
+        return m_path + kSep + aName;
+    }
 
 private:
     std::string m_path;
@@ -111,8 +158,8 @@ inline bool FileExists(const std::string& aPath) {
 
 // Writes <aDir>/conf/kvtix.ini.
 inline bool WriteConfig(const std::string& aDir, const std::string& aText) {
-    ::mkdir((aDir + "/conf").c_str(), 0755);
-    return WriteFile(aDir + "/conf/kvtix.ini", aText);
+    ::mkdir((aDir + kSep + "conf").c_str(), 0755);
+    return WriteFile(aDir + kSep + "conf" + kSep + "kvtix.ini", aText);
 }
 
 // Counts the occurrences of aNeedle in aText.
@@ -125,6 +172,14 @@ inline size_t CountOf(const std::string& aText, const std::string& aNeedle) {
     return n;
 }
 
+#ifdef _WIN32
+// The number of open handles of this process.
+inline int OpenFdCount() {
+    DWORD n = 0;
+    ::GetProcessHandleCount(::GetCurrentProcess(), &n);
+    return static_cast<int>(n);
+}
+#else
 // The number of open descriptors of this process.
 inline int OpenFdCount() {
     int n = 0;
@@ -137,10 +192,63 @@ inline int OpenFdCount() {
     return n;
 }
 
+#endif
+
 struct ChildResult {
     int pid = -1;
     int exitCode = -1;  // -1 when the child did not exit normally
 };
+
+#ifdef _WIN32
+// As below, with CreateProcessA.
+inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
+                           const std::map<std::string, std::string>& aEnv) {
+    std::string block;
+    if (char* env = ::GetEnvironmentStringsA()) {
+        for (const char* e = env; *e; e += ::strlen(e) + 1) {
+            std::string entry = e;
+            if (aEnv.find(entry.substr(0, entry.find('='))) == aEnv.end()) {
+                block.append(entry).push_back('\0');
+            }
+        }
+        ::FreeEnvironmentStringsA(env);
+    }
+    for (const auto& kv : aEnv) {
+        if (!kv.second.empty()) {
+            block.append(kv.first + "=" + kv.second).push_back('\0');
+        }
+    }
+    block.push_back('\0');
+    char self[MAX_PATH];
+    ::GetModuleFileNameA(nullptr, self, sizeof(self));
+    std::string cmd = std::string("\"") + self + "\" --gtest_filter=" + aTest +
+                      " --gtest_also_run_disabled_tests";
+    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
+    HANDLE nul =
+        ::CreateFileA("NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0, nullptr);
+    STARTUPINFOA si = {};
+    si.cb = sizeof(si);
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
+    si.hStdOutput = nul;
+    si.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
+    PROCESS_INFORMATION pi = {};
+    ChildResult result;
+    if (::CreateProcessA(self, &cmd[0], nullptr, nullptr, TRUE, 0, &block[0], aCwd.c_str(), &si,
+                         &pi)) {
+        result.pid = static_cast<int>(pi.dwProcessId);
+        ::WaitForSingleObject(pi.hProcess, INFINITE);
+        DWORD code = 0;
+        if (::GetExitCodeProcess(pi.hProcess, &code)) {
+            result.exitCode = static_cast<int>(code);
+        }
+        ::CloseHandle(pi.hThread);
+        ::CloseHandle(pi.hProcess);
+    }
+    ::CloseHandle(nul);
+    return result;
+}
+#else
 
 // Runs this test program again with only aTest selected (it may be a
 // DISABLED_ test), in aCwd, with aEnv added to the environment (an empty value
@@ -197,5 +305,6 @@ inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
     }
     return result;
 }
+#endif
 
 #endif  // TESTS_CONFIG_TEST_ENV_H

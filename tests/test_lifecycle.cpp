@@ -72,6 +72,11 @@ TEST(LifecycleChild, DISABLED_StartAndExitWithAStuckThread) {
 }
 
 TEST(Lifecycle, ExitStopsJoinsAndDestroysEverythingInOrder) {
+#ifdef _WIN32
+    // ExitProcess ends every other thread before the DLL's exit list runs, so
+    // the threads' own ends are never traced there.
+    GTEST_SKIP() << "POSIX only: other threads still run when the library's exit list does";
+#endif
     int exitCode = -1;
     std::string text = RunChild("LifecycleChild.DISABLED_StartAndExit", &exitCode);
     EXPECT_EQ(exitCode, 0);

@@ -3,11 +3,6 @@
 // goes away first, and a lookup that never ends.
 #include <gtest/gtest.h>
 
-#include <errno.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -141,7 +136,7 @@ Gate& TheGate() {
 int FakeLookup(const char* aName, rtos::HostInfo& aOut) {
     if (std::strcmp(aName, "hang.test") == 0) {
         for (;;) {
-            ::sleep(3600);
+            rtos::SleepMs(3600 * 1000);
         }
     }
     if (std::strcmp(aName, "gate.test") == 0) {
@@ -194,7 +189,7 @@ TEST_F(AsyncLookup, AnswersEachRequestOnTheWindowThreadAndRefusesMissingArgument
         {"localhost", kBufLen, true, 0},
         {"127.0.0.1", kBufLen, true, 0},
         {"no-such-host.invalid", kBufLen, false, 0},
-        {"localhost", 8, false, ENOBUFS},
+        {"localhost", 8, false, rtos::kNoBufferSpace},
     };
     WindowThread win;
     std::vector<std::vector<char>> bufs;
@@ -222,15 +217,15 @@ TEST_F(AsyncLookup, AnswersEachRequestOnTheWindowThreadAndRefusesMissingArgument
             EXPECT_NE(it->error, 0);
         }
         // Once completed, the request is gone.
-        errno = 0;
+        rtos::SetLastError(0);
         EXPECT_FALSE(rtos::AsyncCancel(ids[i]));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(rtos::LastError(), rtos::kBadArgument);
     }
     EXPECT_EQ(done.size(), std::size(cases));
 
     char buf[kBufLen];
     EXPECT_EQ(rtos::AsyncGetHostByName(nullptr, kMsgDone, "localhost", buf, sizeof buf), 0u);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(rtos::LastError(), rtos::kBadArgument);
     EXPECT_EQ(rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, nullptr, buf, sizeof buf), 0u);
     EXPECT_EQ(rtos::AsyncGetHostByName(win.Wnd(), kMsgDone, "localhost", nullptr, 0), 0u);
     EXPECT_FALSE(rtos::AsyncCancel(0));

@@ -4,15 +4,19 @@
 // write report re-armed by a send that would block.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <errno.h>
+#ifndef _WIN32
+#include <dirent.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#endif
 
 #include <atomic>
 #include <cstring>
 #include <string>
 
+#include "loopback_helpers.h"
+#include "platform_errors.h"
 #include "rtframework.h"
 #include "rtosnet.h"
 #include "rtossocket.h"
@@ -38,7 +42,15 @@ int ErrorOf(int aResult) {
     return aResult == -1 ? errno : 0;
 }
 bool WouldBlock(int aResult) {
-    return aResult == -1 && (errno == EWOULDBLOCK || errno == EAGAIN);
+    return aResult == -1 && IsWouldBlock(errno);
+}
+
+// By field name: the order of the fields is the platform's.
+iovec Iov(char* aBuf, unsigned long aLen) {
+    iovec v{};
+    v.iov_base = aBuf;
+    v.iov_len = aLen;
+    return v;
 }
 
 int ReuseOf(const CRtSocketBase& aSock) {
@@ -55,6 +67,11 @@ protected:
     void TearDown() override { EXPECT_EQ(m_fds, OpenFds()); }
 
     static int OpenFds() {
+#ifdef _WIN32
+        DWORD handles = 0;
+        ::GetProcessHandleCount(::GetCurrentProcess(), &handles);
+        return static_cast<int>(handles);
+#else
         int n = 0;
         DIR* dir = ::opendir("/proc/self/fd");
         while (dir && ::readdir(dir)) {
@@ -64,6 +81,7 @@ protected:
             ::closedir(dir);
         }
         return n;
+#endif
     }
 
     // A listener on loopback, a client connected to it, and the accepted end.
@@ -117,8 +135,10 @@ TEST_F(Socket, OpenSetsAddressReuseOnlyWhenAskedOnInternetSockets) {
     EXPECT_EQ(1, ReuseOf(stream));
     ASSERT_EQ(0, stream.Open(0));
     EXPECT_EQ(0, ReuseOf(stream));
+#ifndef _WIN32  // AF_UNIX sockets are POSIX's
     ASSERT_EQ(0, stream.CRtSocketBase::Open(AF_UNIX, SOCK_STREAM, 0, 1));
     EXPECT_EQ(0, ReuseOf(stream));
+#endif
     CRtSocketDgram dgram;
     ASSERT_EQ(0, dgram.Open(CRtInetAddr("127.0.0.1:0")));
     EXPECT_EQ(0, ReuseOf(dgram));
@@ -132,17 +152,23 @@ TEST_F(Socket, FailedOpenOrBindKeepsTheErrorAndClosesTheSocket) {
     ASSERT_EQ(0, listener.GetLocalAddr(taken));
     for (int reuse : {0, 1}) {
         CRtSocketStream sock;
-        EXPECT_EQ(EADDRINUSE, ErrorOf(sock.Open(reuse, taken)));
+        const int err = ErrorOf(sock.Open(reuse, taken));
+#ifdef _WIN32
+        // With address reuse Winsock may call the taken address forbidden.
+        EXPECT_TRUE(err == kErrAddressInUse || (reuse && err == WSAEACCES)) << err;
+#else
+        EXPECT_EQ(kErrAddressInUse, err);
+#endif
         EXPECT_EQ(kInvalid, sock.GetHandle());
     }
 
     CRtSocketDgram first, second;
     ASSERT_EQ(0, first.Open(CRtInetAddr("127.0.0.1:0")));
     ASSERT_EQ(0, first.GetLocalAddr(taken));
-    EXPECT_EQ(EADDRINUSE, ErrorOf(second.Open(taken)));
+    EXPECT_EQ(kErrAddressInUse, ErrorOf(second.Open(taken)));
     EXPECT_EQ(kInvalid, second.GetHandle());
 
-    EXPECT_EQ(EAFNOSUPPORT, ErrorOf(second.CRtSocketBase::Open(-7, SOCK_DGRAM, 0, 1)));
+    EXPECT_EQ(kErrFamilyUnsupported, ErrorOf(second.CRtSocketBase::Open(-7, SOCK_DGRAM, 0, 1)));
     EXPECT_EQ(kInvalid, second.GetHandle());
 }
 
@@ -160,10 +186,10 @@ TEST_F(Socket, StreamTransfersNonBlockingReadsAndHalfCloses) {
     EXPECT_STREQ("hello", buf);
 
     char a[] = "gat", b[] = "her", c[] = "ed";
-    const iovec out[] = {{a, 3}, {b, 3}, {c, 2}};
+    const iovec out[] = {Iov(a, 3), Iov(b, 3), Iov(c, 2)};
     EXPECT_EQ(8, server.SendV(out, 3));
     char x[5] = {}, y[8] = {};
-    iovec in[] = {{x, 4}, {y, 7}};
+    iovec in[] = {Iov(x, 4), Iov(y, 7)};
     // Loopback delivers one send whole.
     EXPECT_EQ(8, client.RecvV(in, 2));
     EXPECT_STREQ("gath", x);
@@ -184,10 +210,17 @@ TEST_F(Socket, StreamTransfersNonBlockingReadsAndHalfCloses) {
     EXPECT_EQ(2, server.Send("ok", 2, 0));
     EXPECT_EQ(2, client.Recv(buf, sizeof(buf), 0));
     ASSERT_EQ(0, server.CloseReader());
+#ifdef _WIN32
+    EXPECT_EQ(WSAESHUTDOWN, ErrorOf(server.Recv(buf, sizeof(buf), 0)));  // Winsock refuses
+#else
     EXPECT_EQ(0, server.Recv(buf, sizeof(buf), 0));
+#endif
 }
 
 TEST_F(Socket, GracefulCloseAndReopenShutTheSendingSideFirst) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: dup keeps a socket open past its close";
+#else
     struct Case {
         const char* name;
         int (*close)(Stream&);
@@ -214,6 +247,7 @@ TEST_F(Socket, GracefulCloseAndReopenShutTheSendingSideFirst) {
         }
         ::close(dup);
     }
+#endif
 }
 
 TEST_F(Socket, DatagramsNameTheirPeer) {
@@ -231,7 +265,7 @@ TEST_F(Socket, DatagramsNameTheirPeer) {
     EXPECT_TRUE(from == oneAt);
 
     char a[] = "po", b[] = "ng";
-    const iovec out[] = {{a, 2}, {b, 2}};
+    const iovec out[] = {Iov(a, 2), Iov(b, 2)};
     EXPECT_EQ(4, two.SendVTo(out, 2, oneAt));
     std::memset(buf, 0, sizeof(buf));
     EXPECT_EQ(4, one.RecvFrom(buf, sizeof(buf), from, 0));
@@ -255,10 +289,10 @@ TEST_F(Socket, BadArgumentsAreTracedAndFailInTheSystem) {
         int n = 0;
         return server.Control(FIONREAD, &n) == 0 && n == 1;
     }));
-    EXPECT_EQ(EFAULT, ErrorOf(server.Recv(nullptr, 1, 0)));
-    EXPECT_EQ(EFAULT, ErrorOf(server.RecvV(nullptr, 1)));
-    EXPECT_EQ(EFAULT, ErrorOf(client.Send(nullptr, 1, 0)));
-    EXPECT_EQ(EFAULT, ErrorOf(client.SendV(nullptr, 1)));
+    EXPECT_EQ(kErrBadAddress, ErrorOf(server.Recv(nullptr, 1, 0)));
+    EXPECT_EQ(kErrBadAddress, ErrorOf(server.RecvV(nullptr, 1)));
+    EXPECT_EQ(kErrBadAddress, ErrorOf(client.Send(nullptr, 1, 0)));
+    EXPECT_EQ(kErrBadAddress, ErrorOf(client.SendV(nullptr, 1)));
     EXPECT_EQ(2u, TraceCapture::Count("Assert failed: aBuf"));
     EXPECT_EQ(2u, TraceCapture::TakeCount("Assert failed: aIov"));
 
@@ -279,10 +313,10 @@ TEST_F(Socket, BadArgumentsAreTracedAndFailInTheSystem) {
     // A closed object fails with the system's error; a send to a closed peer
     // fails too, without a signal.
     client.Close(0);
-    EXPECT_EQ(EBADF, ErrorOf(client.Send("x", 1, 0)));
+    EXPECT_EQ(kErrClosedSocket, ErrorOf(client.Send("x", 1, 0)));
     int sent;
     EXPECT_TRUE(WaitUntil([&] { return (sent = server.Send("x", 1, 0)) == -1; }));
-    EXPECT_TRUE(ErrorOf(sent) == EPIPE || ErrorOf(sent) == ECONNRESET);
+    EXPECT_TRUE(IsBrokenConnection(ErrorOf(sent))) << ErrorOf(sent);
 }
 
 // The reactor reports writability once; a send through the wrappers that would

@@ -2,13 +2,16 @@
 // trace files, and the load and unload traces of a child process.
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
 
 #include <string>
+
+#ifndef _WIN32
+#include <dlfcn.h>
+#endif
 
 #include "config_test_env.h"
 #include "rtos.h"
@@ -24,18 +27,38 @@ namespace {
 
 const char kAttach[] = "Info:kvtframework::DllMain, DLL_PROCESS_ATTACH\n";
 
-// The library's file name and load address, as the dynamic loader tells them.
-Dl_info LibraryInfo() {
+struct Library {
+    std::string name;  // the file name, without its folder
+    uintptr_t base;
+};
+
+// The library's file name and load address, as the loader tells them.
+Library LibraryInfo() {
+#ifdef _WIN32
+    HMODULE module = nullptr;
+    EXPECT_TRUE(::GetModuleHandleExA(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        reinterpret_cast<LPCSTR>(&GetRtTraceFileName), &module));
+    char path[MAX_PATH] = "";
+    ::GetModuleFileNameA(module, path, sizeof(path));
+    const char* slash = ::strrchr(path, '\\');
+    return {slash ? slash + 1 : path, reinterpret_cast<uintptr_t>(module)};
+#else
     Dl_info info = {};
     EXPECT_NE(::dladdr(reinterpret_cast<void*>(&GetRtTraceFileName), &info), 0);
-    return info;
+    return {::strrchr(info.dli_fname, '/') + 1, reinterpret_cast<uintptr_t>(info.dli_fbase)};
+#endif
 }
 
 // The local date aDays ago, as trace file names carry it.
-std::string DateDaysAgo(int aDays) {
+[[maybe_unused]] std::string DateDaysAgo(int aDays) {
     time_t then = ::time(nullptr) - static_cast<time_t>(aDays) * 24 * 3600;
     struct tm local = {};
+#ifdef _WIN32
+    ::localtime_s(&local, &then);
+#else
     ::localtime_r(&then, &local);
+#endif
     char date[32];
     ::snprintf(date, sizeof(date), "%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1,
                local.tm_mday);
@@ -67,6 +90,9 @@ TEST(SocketStartup, StartsOnceAndEndsOnce) {
 }
 
 TEST(DeleteOutOfDateLog, RemovesOnlyTraceFilesDatedBeforeThirtyDaysAgo) {
+#ifdef _WIN32
+    GTEST_SKIP() << "POSIX only: moves the trace folder with XDG_DATA_HOME";
+#else
     TempDir temp;
     ScopedEnv xdg("XDG_DATA_HOME", (temp / "share").c_str());
     const std::string logs = temp / "Corvanthics/logs";
@@ -106,19 +132,19 @@ TEST(DeleteOutOfDateLog, RemovesOnlyTraceFilesDatedBeforeThirtyDaysAgo) {
         EXPECT_EQ(FileExists(logs + "/" + file.name), file.kept) << file.name;
     }
     EXPECT_EQ(OpenFdCount(), fds);
+#endif
 }
 
 // Run as a child: checks the load trace in its own trace file and names the
 // file for the parent.
 TEST(StartupChild, DISABLED_CheckLoadTrace) {
     ASSERT_TRUE(WriteFile(::getenv("KVT_CHILD_RESULT"), GetRtTraceFileName()));
-    Dl_info library = LibraryInfo();
+    Library library = LibraryInfo();
     char expected[512];
     ::snprintf(expected, sizeof(expected),
                "Info:Module Memory Info %s\r\nModule Memory Info NAME:    %s \r\n"
                "Module Memory Info base address   = 0x%08" PRIXPTR " \r\n\r\n\n",
-               std::string(43, '*').c_str(), ::strrchr(library.dli_fname, '/') + 1,
-               reinterpret_cast<uintptr_t>(library.dli_fbase));
+               std::string(43, '*').c_str(), library.name.c_str(), library.base);
     std::string text = ReadFile(GetRtTraceFileName());
     EXPECT_EQ(CountOf(text, kAttach), 1u) << text;
     EXPECT_EQ(CountOf(text, expected), 1u) << expected << text;

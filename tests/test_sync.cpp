@@ -12,6 +12,7 @@
 #include "rtdebug.h"
 #include "rtos.h"
 #include "rttimevalue.h"
+#include "platform_errors.h"
 #include "trace_capture.h"
 
 namespace {
@@ -163,7 +164,7 @@ TEST(Semaphore, ReleasePastTheMaximumFails) {
     EXPECT_EQ(sem.UnLock(3), RT_ERROR_FAILURE);
     EXPECT_EQ(
         1u, TraceCapture::TakeCount("Error:CRtSemaphore::UnLock, ReleaseSemaphore() failed! err=" +
-                                    std::to_string(EINVAL) + "\n"));
+                                    std::to_string(kErrTooManyPosts) + "\n"));
     EXPECT_EQ(sem.UnLock(2), RT_OK);
     EXPECT_EQ(sem.UnLock(), RT_ERROR_FAILURE);
     // The failed releases added nothing.
@@ -191,7 +192,7 @@ TEST(Semaphore, FailedCreationIsTracedAndEveryUseFails) {
     std::vector<std::string> lines = TraceCapture::Take();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_NE(lines[0].find("Error:CRtSemaphore::CRtSemaphore, CreateSemaphoreA() failed! err=" +
-                            std::to_string(EINVAL) + "\n"),
+                            std::to_string(kErrBadArgument) + "\n"),
               std::string::npos);
     EXPECT_NE(lines[1].find(" Assert failed: FALSE\n"), std::string::npos);
     EXPECT_EQ(sem.GetHandle(), nullptr);

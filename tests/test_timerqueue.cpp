@@ -382,7 +382,10 @@ TEST(TimerQueue, ATimerOnTheRealClockFiresNoEarlierThanItsInterval) {
         q.CheckExpire(&remain);
         if (log.empty()) {
             EXPECT_TRUE(remain > CRtTimeValue::s_tvZero);
-            rtos::SleepMs(static_cast<uint32_t>(std::min<int64_t>(remain.GetTotalInMsec(), 10)));
+            // At least 1 ms: on a coarse clock (15.6 ms on Windows) less than
+            // a millisecond can remain for a whole tick.
+            rtos::SleepMs(static_cast<uint32_t>(
+                std::max<int64_t>(1, std::min<int64_t>(remain.GetTotalInMsec(), 10))));
         }
     }
     ASSERT_EQ(log.size(), 1u);

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <netdb.h>
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -190,9 +187,9 @@ TEST(LocalIP, IsTheFirstAddressOfTheHostName) {
     unsigned char bytes[4];
     const uint32_t ip32 = static_cast<uint32_t>(ip);
     std::memcpy(bytes, &ip32, 4);
-    EXPECT_NE(bytes[0], 0);    // not 0.x.x.x
-    EXPECT_LT(bytes[0], 224);  // not multicast or reserved
-    EXPECT_EQ(ip >> 32, 0u);   // no bits past 32
+    EXPECT_NE(bytes[0], 0);                          // not 0.x.x.x
+    EXPECT_LT(bytes[0], 224);                        // not multicast or reserved
+    EXPECT_EQ(static_cast<uint64_t>(ip) >> 32, 0u);  // no bits past 32
 }
 
 TEST(HostLookup, ResolvesDottedAddressesAndLocalhostInNetworkOrder) {
@@ -299,12 +296,12 @@ TEST(HostentLayout, RefusesABufferTooSmallForTheName) {
     info.addrs = {Ipv4(10, 0, 0, 1)};
     std::vector<char> buf(1024);
     hostent* host = reinterpret_cast<hostent*>(0x1);
-    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), &host), ENOBUFS);
+    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), &host), rtos::kNoBufferSpace);
     EXPECT_EQ(host, nullptr);
     info.name = "short";
-    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), 8, &host), ENOBUFS);
-    EXPECT_EQ(rtos::LayoutHostent(info, nullptr, 1024, &host), EINVAL);
-    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), nullptr), EINVAL);
+    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), 8, &host), rtos::kNoBufferSpace);
+    EXPECT_EQ(rtos::LayoutHostent(info, nullptr, 1024, &host), rtos::kBadArgument);
+    EXPECT_EQ(rtos::LayoutHostent(info, buf.data(), buf.size(), nullptr), rtos::kBadArgument);
 }
 
 TEST(HostentLayout, GetHostByNameLooksUpAndLaysOut) {

@@ -2,16 +2,12 @@
 // SO_RCVBUF at their minimum carries several megabytes through the network
 // reactor, with partial writes and would-block all the way, and the byte
 // stream arrives intact.
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "loopback_helpers.h"
 #include "rtutilclasses.h"
 #include "stress/stress_common.h"
 
@@ -23,8 +19,8 @@ void* HandleOf(int aFd) {
 
 void SetTinyBuffers(int aFd) {
     int tiny = 1;  // the system rounds it up to its minimum
-    ASSERT_EQ(::setsockopt(aFd, SOL_SOCKET, SO_SNDBUF, &tiny, sizeof(tiny)), 0);
-    ASSERT_EQ(::setsockopt(aFd, SOL_SOCKET, SO_RCVBUF, &tiny, sizeof(tiny)), 0);
+    ASSERT_EQ(SetSocketOption(aFd, SOL_SOCKET, SO_SNDBUF, &tiny, sizeof(tiny)), 0);
+    ASSERT_EQ(SetSocketOption(aFd, SOL_SOCKET, SO_RCVBUF, &tiny, sizeof(tiny)), 0);
 }
 
 std::string Hex(const unsigned char (&aDigest)[16]) {
@@ -50,7 +46,7 @@ public:
             int n = m_socket->Send(reinterpret_cast<const char*>(&m_data[m_sent]),
                                    static_cast<unsigned long>(want), 0);
             if (n < 0) {
-                if (errno == EWOULDBLOCK || errno == EAGAIN) {
+                if (IsWouldBlock(errno)) {
                     ++wouldBlock;
                     return 0;
                 }
@@ -95,7 +91,7 @@ public:
                 received += n;
                 continue;
             }
-            if (n < 0 && (errno == EWOULDBLOCK || errno == EAGAIN)) {
+            if (n < 0 && (IsWouldBlock(errno))) {
                 return 0;
             }
             failed = n < 0 ? errno : 0;
@@ -126,7 +122,7 @@ TEST(TinySocketBuffers, MegabytesArriveIntactThroughPartialWritesAndWouldBlock) 
     const size_t kBytes = static_cast<size_t>(StressCount(4L << 20));
 
     // Buffers are set before connecting, so the window is small from the start.
-    int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int lfd = static_cast<int>(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_GE(lfd, 0);
     SetTinyBuffers(lfd);
     sockaddr_in addr{};
@@ -136,16 +132,16 @@ TEST(TinySocketBuffers, MegabytesArriveIntactThroughPartialWritesAndWouldBlock) 
     ASSERT_EQ(::bind(lfd, reinterpret_cast<sockaddr*>(&addr), len), 0);
     ASSERT_EQ(::listen(lfd, 1), 0);
     ASSERT_EQ(::getsockname(lfd, reinterpret_cast<sockaddr*>(&addr), &len), 0);
-    int cfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int cfd = static_cast<int>(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_GE(cfd, 0);
     SetTinyBuffers(cfd);
     ASSERT_EQ(::connect(cfd, reinterpret_cast<sockaddr*>(&addr), len), 0);
-    int afd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
+    int afd = static_cast<int>(::accept(lfd, nullptr, nullptr));
     ASSERT_GE(afd, 0);
-    ::close(lfd);
+    CloseSocket(lfd);
     int sndbuf = 0;
     socklen_t optlen = sizeof(sndbuf);
-    ::getsockopt(cfd, SOL_SOCKET, SO_SNDBUF, &sndbuf, &optlen);
+    ::getsockopt(cfd, SOL_SOCKET, SO_SNDBUF, reinterpret_cast<char*>(&sndbuf), &optlen);
     Figure("effective_sndbuf_bytes", sndbuf);
 
     CRtSocketStream sending, receiving;

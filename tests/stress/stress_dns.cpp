@@ -2,7 +2,6 @@
 // registered from a task thread hear nothing once the library is gone, and
 // the ASan flavour's leak check covers every record, request and observer
 // entry left behind. Lookups go through a made-up, slow resolver.
-#include <arpa/inet.h>
 
 #include <chrono>
 #include <condition_variable>

@@ -46,8 +46,9 @@ bool IsTrue(const char* aValue) {
     return EqualsNoCase(aValue, aValue + ::strlen(aValue), "TRUE");
 }
 
-// Builds "<cwd>/conf/kvtix.ini" into aPath, or "/tmp/kvtix.ini" without a
-// current directory. Local to each read, so readers on many threads share nothing.
+// Builds "<cwd>/conf/kvtix.ini" (with the platform's separator) into aPath, or
+// "/tmp/kvtix.ini" without a current directory. Local to each read, so readers on many threads
+// share nothing.
 void ConfigPath(char (&aPath)[1024]) {
     char dir[512];
     if (!rtos::GetCurrentDir(dir, sizeof(dir)) || dir[0] == '\0') {
@@ -55,8 +56,8 @@ void ConfigPath(char (&aPath)[1024]) {
         return;
     }
     size_t len = ::strlen(dir);
-    const char* separator = dir[len - 1] == '/' ? "" : "/";
-    ::snprintf(aPath, sizeof(aPath), "%s%sconf/kvtix.ini", dir, separator);
+    const char* separator = dir[len - 1] == rtos::kPathSeparator ? "" : RTOS_PATH_SEPARATOR;
+    ::snprintf(aPath, sizeof(aPath), "%s%sconf" RTOS_PATH_SEPARATOR "kvtix.ini", dir, separator);
 }
 
 // Scans the configuration file for aKey in the first section named aSection.

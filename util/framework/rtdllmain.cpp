@@ -15,8 +15,6 @@
 
 namespace {
 
-const char kLibraryFileName[] = "libkvtframework.so";
-
 std::string ToLower(const char* aText) {
     std::string lower(aText);
     for (char& c : lower) {
@@ -72,7 +70,7 @@ int rtos::ModuleEntry(uint32_t aReason) {
     switch (aReason) {
         case rtos::kProcessAttach:
             RT_INFO_TRACE("kvtframework::DllMain, DLL_PROCESS_ATTACH");
-            TraceProcessModuleInfo(kLibraryFileName);
+            TraceProcessModuleInfo(rtos::kLibraryFileName);
             break;
         case rtos::kProcessDetach:
             RT_INFO_TRACE("kvtframework::DllMain, DLL_PROCESS_DETACH");

@@ -1,5 +1,7 @@
 #include "rtsocket.h"
 
+#include <errno.h>
+
 #include "rtdebug.h"
 #include "rtos.h"
 #include "rtossocket.h"
@@ -15,11 +17,14 @@ const sockaddr* SockAddr(const CRtInetAddr& aAddr) {
     return reinterpret_cast<const sockaddr*>(aAddr.GetPtr());
 }
 
-// Runs a clean-up step without letting it replace the error being reported.
+// Runs a clean-up step without letting it replace the error being reported:
+// the platform's last error and errno (one variable on POSIX, two on Windows).
 template <class Step>
 void KeepingLastError(Step aStep) {
     const int err = rtos::LastError();
+    const int errnoValue = errno;
     aStep();
+    errno = errnoValue;
     rtos::SetLastError(err);
 }
 

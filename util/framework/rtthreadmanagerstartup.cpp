@@ -80,7 +80,7 @@ void CRtThreadManager::DeleteOutOfDateLog() {
         }
         if (::memcmp(underscore - kDateLen, cutoffDate, kDateLen) < 0) {
             char path[1024];
-            ::snprintf(path, sizeof(path), "%s/%s", dir, name);
+            ::snprintf(path, sizeof(path), "%s" RTOS_PATH_SEPARATOR "%s", dir, name);
             rtos::RemoveFile(path);
         }
     }

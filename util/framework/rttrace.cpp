@@ -1,6 +1,7 @@
 // The log recorder and the trace writer.
 #include "rttrace.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -323,8 +324,11 @@ CRtTrace::~CRtTrace() {
 }
 
 void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
-    // Tracing a failure must not change the error the caller is about to report.
-    int savedError = rtos::LastError();
+    // Tracing a failure must not change the error the caller is about to report:
+    // the platform's last error, and errno, where the socket wrappers leave it
+    // (the same variable on POSIX, two on Windows).
+    const int savedError = rtos::LastError();
+    const int savedErrno = errno;
 
     char line[RTTRACE_MAX_TRACE_LEN];
     line[0] = '\0';
@@ -334,6 +338,7 @@ void CRtTrace::trace_string(unsigned long aLevel, char* aText) {
     WriteToFile_i(aLevel, line);
     rtos::DebugOutput(line);
 
+    errno = savedErrno;
     rtos::SetLastError(savedError);
 }
 

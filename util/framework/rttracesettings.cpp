@@ -13,7 +13,7 @@
 namespace {
 
 char kTraceSection[] = "Trace";
-const char kLogsFolder[] = "Corvanthics/logs";
+const char kLogsFolder[] = "Corvanthics" RTOS_PATH_SEPARATOR "logs";
 const char kNoTraceDir[] = "/tmp";
 // A configured size limit must be larger than this to count.
 const long kSmallestMaxSize = 1024;
@@ -23,7 +23,7 @@ const long kSmallestMaxSize = 1024;
 void MakeTraceDir(const char* aDir) {
     char parent[512];
     ::snprintf(parent, sizeof(parent), "%s", aDir);
-    if (char* slash = ::strrchr(parent, '/')) {
+    if (char* slash = ::strrchr(parent, rtos::kPathSeparator)) {
         *slash = '\0';
         if (parent[0]) {
             rtos::MakeDir(parent);
@@ -46,14 +46,15 @@ unsigned char CRtTrace::load(void* aArg) {
     rtos::CalendarTime today;
     rtos::LocalCalendarTime(CRtTimeValue::GetTimeOfDay().GetSec(), today);
     if (!m_pszFixedFileName) {
-        ::snprintf(m_szFileName, sizeof(m_szFileName), "%s/%s_Trace_%04d%02d%02d_%d.txt", dir,
-                   get_process_name(), today.year, today.month, today.day,
-                   static_cast<int>(m_dwPid));
+        ::snprintf(m_szFileName, sizeof(m_szFileName),
+                   "%s" RTOS_PATH_SEPARATOR "%s_Trace_%04d%02d%02d_%d.txt", dir, get_process_name(),
+                   today.year, today.month, today.day, static_cast<int>(m_dwPid));
     } else if (m_bExactName) {
-        ::snprintf(m_szFileName, sizeof(m_szFileName), "%s/%s", dir, m_pszFixedFileName);
+        ::snprintf(m_szFileName, sizeof(m_szFileName), "%s" RTOS_PATH_SEPARATOR "%s", dir,
+                   m_pszFixedFileName);
     } else {
-        ::snprintf(m_szFileName, sizeof(m_szFileName), "%s/%s.%d", dir, m_pszFixedFileName,
-                   static_cast<int>(rtos::CurrentProcessId()));
+        ::snprintf(m_szFileName, sizeof(m_szFileName), "%s" RTOS_PATH_SEPARATOR "%s.%d", dir,
+                   m_pszFixedFileName, static_cast<int>(rtos::CurrentProcessId()));
     }
 
     m_bEnable = get_bool_param(kTraceSection, "Enable", 1);
@@ -129,7 +130,7 @@ const char* CRtTrace::get_trace_dir() {
         return kNoTraceDir;
     }
     // The application data folder's last component gives way to our own.
-    char* slash = ::strrchr(t_szDir, '/');
+    char* slash = ::strrchr(t_szDir, rtos::kPathSeparator);
     if (!slash) {
         return kNoTraceDir;
     }
@@ -146,7 +147,7 @@ const char* CRtTrace::get_process_name() {
     if (!path[0]) {
         return "kvttrace";
     }
-    const char* slash = ::strrchr(path, '/');
+    const char* slash = ::strrchr(path, rtos::kPathSeparator);
     return slash ? slash + 1 : path;
 }
 

@@ -50,7 +50,9 @@ struct OsVersion {
 // False, with the last error set, when the system cannot say.
 RT_API bool GetOsVersion(OsVersion& aOut);
 
-// The calling thread's last error (errno on POSIX).
+// The calling thread's last error: errno on POSIX, GetLastError on Windows.
+// Error names in this layer's comments are POSIX's; Windows reports its own
+// value for the same condition (WSAEINVAL, ERROR_INVALID_WINDOW_HANDLE...).
 RT_API int LastError();
 RT_API void SetLastError(int aErr);
 
@@ -97,9 +99,10 @@ typedef unsigned (*ThreadProc)(void* aArg);
 // Starts aProc(aArg) on a new thread. Null on failure. *aTid receives the new
 // thread's id once it is known (before this returns).
 RT_API Handle ThreadCreate(ThreadProc aProc, void* aArg, uint32_t* aTid);
-// Gives up on a thread that did not end in time. POSIX cannot stop a thread
-// safely, so it is left running, detached; the caller must keep alive whatever
-// the thread still uses. Returns false: the thread was not terminated.
+// Gives up on a thread that did not end in time. No system can stop a thread
+// safely from outside (TerminateThread may leave a lock held for good), so it
+// is left running, detached; the caller must keep alive whatever the thread
+// still uses. Returns false: the thread was not terminated.
 RT_API bool ThreadAbandon(Handle aThread);
 
 // ---- Loaded modules and the library's entry point ---------------------------

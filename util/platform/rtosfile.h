@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "rtexport.h"
+#include "rtosdefs.h"  // kPathSeparator, RTOS_PATH_SEPARATOR
 
 namespace rtos {
 

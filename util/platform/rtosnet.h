@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "rtexport.h"
+#include "rtosnetdefs.h"
 #include "rtoswindow.h"
 
 // The system's own type; declared here so that callers need no system header.
@@ -40,13 +41,9 @@ RT_API unsigned SocketStartupCount();
 
 // ---- Name resolution -----------------------------------------------------------
 
-// Lookup errors: the values of h_errno, so they read the same as the system's.
-constexpr int kHostNotFound = 1;  // no such name
-constexpr int kTryAgain = 2;      // the name server did not answer; may work later
-constexpr int kNoRecovery = 3;    // the lookup failed for good
-constexpr int kNoData = 4;        // the name exists but has no IPv4 address
-// ENOBUFS, as the sockets of the other platform say it, is the lack of memory:
-// for a lookup, or for a hostent layout that not even the name fits.
+// Lookup errors (rtosnetdefs.h): kHostNotFound, kTryAgain, kNoRecovery,
+// kNoData, the system's values; a hostent layout also fails with
+// kNoBufferSpace when not even the name fits.
 
 // A lookup's result, neutral of any layout.
 struct HostInfo {
@@ -60,13 +57,13 @@ RT_API int GetHostName(char* aBuf, size_t aLen);
 
 // Blocks until aName (a host name or a dotted IPv4 address) is resolved to its
 // IPv4 addresses. 0 and aOut filled, or one of the lookup errors above, or
-// ENOBUFS when memory ran out.
+// kNoBufferSpace when memory ran out.
 RT_API int LookupHostIPv4(const char* aName, HostInfo& aOut);
 
 // Lays aInfo out as a hostent at the start of aBuf (aLen bytes, any alignment):
 // the hostent, its alias and address lists and the strings, every pointer
 // leading into aBuf. Entries that do not fit are cut, aliases first, then
-// addresses from the end. 0 and *aHost set, or ENOBUFS when not even the
+// addresses from the end. 0 and *aHost set, or kNoBufferSpace when not even the
 // hostent and its name fit (*aHost is then null).
 RT_API int LayoutHostent(const HostInfo& aInfo, void* aBuf, size_t aLen, hostent** aHost);
 
@@ -89,7 +86,7 @@ RT_API void SetHostLookup(HostLookup aLookup);
 typedef uintptr_t AsyncRequest;
 
 // The lParam of a completion: the error in the high word (0 on success, else a
-// lookup error above or ENOBUFS), the low word 0.
+// lookup error above or kNoBufferSpace), the low word 0.
 constexpr intptr_t AsyncLookupLParam(int aError) {
     return static_cast<intptr_t>((static_cast<uint32_t>(aError) & 0xFFFFu) << 16);
 }

@@ -4,7 +4,8 @@
 //
 // Result convention: every call that can fail returns -1 and leaves the
 // system's socket error, unchanged, in the calling thread's last error
-// (errno on POSIX). Nothing is retried or translated.
+// (errno on POSIX; on Windows WSAGetLastError, copied to errno as well).
+// Nothing is retried or translated.
 //
 // Thread rules: every function may be called from any thread; none keeps state.
 #ifndef RTOSSOCKET_H

@@ -29,6 +29,11 @@
 //
 // Errors follow the system convention: a failing call returns 0, null, false
 // or -1 as stated and leaves the reason in the last error (errno).
+//
+// On Windows these are the system's own windows, queues, timers and
+// WSAAsyncSelect, with the system's errors; the owner-thread checks are the
+// system's too, MessageQueueFd has no descriptor to give (-1) and
+// SocketSendWouldBlock has nothing to do.
 #ifndef RTOSWINDOW_H
 #define RTOSWINDOW_H
 

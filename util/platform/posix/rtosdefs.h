@@ -9,12 +9,19 @@
 #include <sys/time.h>    // timeval
 #include <sys/uio.h>     // iovec: the system's own, so arrays go to readv/writev unchanged
 
+// The separator of path components, as text.
+#define RTOS_PATH_SEPARATOR "/"
+
 namespace rtos {
 
 // Storage of a re-entrant lock (a recursive pthread mutex).
 struct LockStorage {
     pthread_mutex_t mutex;
 };
+
+constexpr char kPathSeparator = '/';
+// The library's own file, as the module list names it.
+constexpr char kLibraryFileName[] = "libkvtframework.so";
 
 }  // namespace rtos
 
