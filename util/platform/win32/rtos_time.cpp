@@ -24,6 +24,11 @@ uint64_t SystemTimeAsFileTime() {
     return static_cast<uint64_t>(ft.dwHighDateTime) << 32 | ft.dwLowDateTime;
 }
 
+int64_t SystemTimeUsecCoarse() {
+    const uint64_t kEpochDelta = 116444736000000000ull;  // 1601-01-01 to 1970-01-01
+    return static_cast<int64_t>((SystemTimeAsFileTime() - kEpochDelta) / 10u);
+}
+
 void SleepMs(uint32_t aMsec) {
     ::Sleep(aMsec);
 }
