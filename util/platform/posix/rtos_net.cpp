@@ -13,10 +13,10 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
-#include <new>
 
 #include "rtos.h"
 #include "rtosnet.h"
+#include "common/rtos_lookup.h"
 
 namespace rtos {
 namespace {
@@ -41,6 +41,8 @@ int MapLookupError(int aEai) {
             return kNoRecovery;
     }
 }
+
+}  // namespace
 
 int SystemLookup(const char* aName, HostInfo& aOut) {
     struct addrinfo hints;
@@ -81,10 +83,6 @@ int SystemLookup(const char* aName, HostInfo& aOut) {
     return 0;
 }
 
-std::atomic<HostLookup> g_lookup{nullptr};
-
-}  // namespace
-
 int SocketStartup(uint16_t aRequested, uint16_t* aGranted) {
     (void)aRequested;
     if (!aGranted) {
@@ -123,26 +121,6 @@ int GetHostName(char* aBuf, size_t aLen) {
     // POSIX leaves a truncated name unterminated.
     aBuf[aLen - 1] = '\0';
     return 0;
-}
-
-void SetHostLookup(HostLookup aLookup) {
-    g_lookup.store(aLookup, std::memory_order_release);
-}
-
-int LookupHostIPv4(const char* aName, HostInfo& aOut) {
-    aOut = HostInfo();
-    if (!aName || !*aName) {
-        return kHostNotFound;
-    }
-    HostLookup lookup = g_lookup.load(std::memory_order_acquire);
-    // Lookup threads run this too: an allocation failure must come back as an
-    // error, never end the process.
-    try {
-        return lookup ? lookup(aName, aOut) : SystemLookup(aName, aOut);
-    } catch (const std::bad_alloc&) {
-        aOut = HostInfo();
-        return kNoBufferSpace;
-    }
 }
 
 }  // namespace rtos

@@ -5,16 +5,18 @@
 
 #include <algorithm>
 #include <atomic>
-#include <new>
 
 #include "rtos.h"
 #include "rtosnet.h"
+#include "common/rtos_lookup.h"
 #include "rtos_winsock.h"
 
 namespace rtos {
 namespace {
 
 std::atomic<unsigned> g_socketStartups{0};
+
+}  // namespace
 
 int SystemLookup(const char* aName, HostInfo& aOut) {
     EnsureWinsock();
@@ -42,10 +44,6 @@ int SystemLookup(const char* aName, HostInfo& aOut) {
     }
     return 0;
 }
-
-std::atomic<HostLookup> g_lookup{nullptr};
-
-}  // namespace
 
 bool EnsureWinsock() {
     static const bool s_started = [] {
@@ -96,30 +94,6 @@ int GetHostName(char* aBuf, size_t aLen) {
         return ::WSAGetLastError();
     }
     return 0;
-}
-
-void SetHostLookup(HostLookup aLookup) {
-    g_lookup.store(aLookup, std::memory_order_release);
-}
-
-HostLookup HostLookupStandIn() {
-    return g_lookup.load(std::memory_order_acquire);
-}
-
-int LookupHostIPv4(const char* aName, HostInfo& aOut) {
-    aOut = HostInfo();
-    if (!aName || !*aName) {
-        return kHostNotFound;
-    }
-    HostLookup lookup = g_lookup.load(std::memory_order_acquire);
-    // Lookup threads run this too: an allocation failure must come back as an
-    // error, never end the process.
-    try {
-        return lookup ? lookup(aName, aOut) : SystemLookup(aName, aOut);
-    } catch (const std::bad_alloc&) {
-        aOut = HostInfo();
-        return kNoBufferSpace;
-    }
 }
 
 }  // namespace rtos

@@ -23,10 +23,9 @@
 
 #include "rtos_winsock.h"
 #include "rtosnet.h"
+#include "common/rtos_lookup.h"
 
 namespace rtos {
-
-HostLookup HostLookupStandIn();  // rtos_net.cpp
 
 namespace {
 
