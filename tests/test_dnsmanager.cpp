@@ -5,8 +5,6 @@
 // Lookups go through a made-up resolver, so nothing depends on the network.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
