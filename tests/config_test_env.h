@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "fd_count.h"
+
 #ifdef _WIN32
 #include <direct.h>
 #include <windows.h>
@@ -171,28 +173,6 @@ inline size_t CountOf(const std::string& aText, const std::string& aNeedle) {
     }
     return n;
 }
-
-#ifdef _WIN32
-// The number of open handles of this process.
-inline int OpenFdCount() {
-    DWORD n = 0;
-    ::GetProcessHandleCount(::GetCurrentProcess(), &n);
-    return static_cast<int>(n);
-}
-#else
-// The number of open descriptors of this process.
-inline int OpenFdCount() {
-    int n = 0;
-    if (DIR* dir = ::opendir("/proc/self/fd")) {
-        while (::readdir(dir)) {
-            ++n;
-        }
-        ::closedir(dir);
-    }
-    return n;
-}
-
-#endif
 
 struct ChildResult {
     int pid = -1;
