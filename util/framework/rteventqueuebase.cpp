@@ -1,6 +1,7 @@
 // Events, the event queue logic and the two locked queues.
 #include "rteventqueuebase.h"
 
+#include <chrono>
 #include <new>
 
 #include "rtclock.h"
@@ -377,7 +378,7 @@ CRtEventSync::~CRtEventSync() {
         m_pEventPost = nullptr;
     }
     if (!m_bPostDestroyed.load(std::memory_order_acquire) && HasSendEvent_i()) {
-        m_pSendEvent->Signal();
+        WakeSender_i();
     }
     delete m_pOwnEvent;
 }
@@ -392,7 +393,7 @@ int CRtEventSync::OnEventFire() {
     if (m_pEventQueue) {
         m_pEventQueue->EnterInFlight_i();
     }
-    m_pSendEvent->Signal();
+    WakeSender_i();
     return rv;
 }
 
@@ -409,7 +410,7 @@ void CRtEventSync::OnDestorySelf() {
         if (!m_bFired) {
             // Discarded or refused before it ran: wake the sender, which then
             // deletes the wrapper. Nothing here may touch it after the signal.
-            m_pSendEvent->Signal();
+            WakeSender_i();
             return;
         }
     }
@@ -418,7 +419,21 @@ void CRtEventSync::OnDestorySelf() {
     }
 }
 
+void CRtEventSync::WakeSender_i() {
+    CRtEventThread* event = m_pSendEvent;
+    m_bAnswered.store(1, std::memory_order_release);
+    event->Signal();
+}
+
 int CRtEventSync::WaitResultAndDeleteThis() {
+    // Most sends are answered within a few microseconds: the sender stays awake
+    // that long before it sleeps. On a virtual machine whose host halts an idle
+    // core, waking a sleeping sender took tens of microseconds, ten times the
+    // round trip itself. The event is still waited on, to take its signal.
+    const auto until = std::chrono::steady_clock::now() + kAwakeWait;
+    while (!m_bAnswered.load(std::memory_order_acquire) &&
+           std::chrono::steady_clock::now() < until) {
+    }
     int rv = m_pSendEvent->Wait(nullptr);
     if (RT_FAILED(rv)) {
         RT_ERROR_TRACE("CRtEventSync::WaitResultAndDeleteThis, m_SendEvent.Wait() failed!");

@@ -20,6 +20,7 @@
 #define RTEVENTQUEUEBASE_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 
@@ -205,6 +206,11 @@ private:
 
     // True when the wrapper has an event for its sender to wait on.
     bool HasSendEvent_i() const { return m_pSendEvent && m_pSendEvent->GetHandle(); }
+    // Sets m_bAnswered, then signals the sender's event.
+    void WakeSender_i();
+
+    // How long a sender polls m_bAnswered before it sleeps on its event.
+    static constexpr std::chrono::microseconds kAwakeWait{30};
 
     IRtEvent* m_pEventPost;
     int m_nResult;
@@ -221,6 +227,8 @@ private:
     int m_bFired;
     // Completed releases; the one that makes it 2 deletes the wrapper.
     std::atomic<int> m_nReleases;
+    // Set just before m_pSendEvent is signalled for the sender.
+    std::atomic<int> m_bAnswered{0};
 };
 
 #endif  // RTEVENTQUEUEBASE_H
