@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 
 #include "messageblock_helpers.h"
 #include "rtmessageblock.h"
@@ -126,35 +125,6 @@ TEST(MessageBlockChainOps, DuplicatesShareOwnedDataAndCopyCallerMemory) {
     EXPECT_EQ(dup->Read(out, 5), RT_OK);
     EXPECT_EQ(chain.Head()->FlattenChained(), "abcde");  // positions are the duplicate's own
     dup->DestroyChained();
-}
-
-TEST(MessageBlockChainOps, DuplicatesMayBeReleasedOnAnotherThread) {
-    const int kRounds = 200;
-    OwnedChain chain({"0123456789", "abcdefghij", "ABCDEFGHIJ"});
-    for (int i = 0; i < kRounds; ++i) {
-        CRtMessageBlock* dup1 = chain.Head()->DuplicateChained();
-        CRtMessageBlock* dup2 = dup1->DuplicateChained();
-        ASSERT_NE(dup2, nullptr);
-        std::thread other([dup1] {
-            EXPECT_EQ(dup1->GetChainedLength(), 30u);
-            dup1->DestroyChained();
-        });
-        EXPECT_EQ(dup2->FlattenChained().size(), 30u);
-        dup2->DestroyChained();
-        other.join();
-    }
-    EXPECT_EQ(chain.Head()->FlattenChained(), "0123456789abcdefghijABCDEFGHIJ");
-
-    // The last reference may go on the other thread, after the host's block.
-    CRtMessageBlock* owned = MakeBlock("last");
-    CRtMessageBlock* dup = owned->DuplicateChained();
-    delete owned;
-    std::string seen;
-    std::thread([dup, &seen] {
-        seen = dup->FlattenChained();
-        dup->DestroyChained();
-    }).join();
-    EXPECT_EQ(seen, "last");
 }
 
 TEST(MessageBlockChainOps, DisjointSplitsTheReadableBytesAndWarnsOfOwnedBlocks) {
