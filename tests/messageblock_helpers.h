@@ -38,15 +38,10 @@ private:
     std::vector<CRtMessageBlock*> m_blocks;
 };
 
-inline bool IsDuplicated(const CRtMessageBlock* aMb) {
-    return RT_BIT_ENABLED(aMb->GetFlag(), CRtMessageBlock::DUPLICATED);
-}
-
-// Walks a chain and tells whether every block is DUPLICATED (so that
-// DestroyChained frees all of it).
+// Whether DestroyChained frees all of the chain.
 inline bool AllDuplicated(const CRtMessageBlock* aMb) {
     for (; aMb; aMb = aMb->GetNext()) {
-        if (!IsDuplicated(aMb)) {
+        if (RT_BIT_DISABLED(aMb->GetFlag(), CRtMessageBlock::DUPLICATED)) {
             return false;
         }
     }

@@ -1,83 +1,65 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
 #include <string>
 
 #include "messageblock_helpers.h"
 #include "rtmessageblock.h"
 #include "trace_capture.h"
 
-TEST(MessageBlock, ConstructedWithASizeHasSpaceAndOptionallyData) {
-    CRtMessageBlock fresh(100);
-    EXPECT_EQ(fresh.GetTopLevelLength(), 0u);
-    EXPECT_EQ(fresh.GetTopLevelSpace(), 100u);
-    EXPECT_EQ(fresh.GetFlag(), 0u);
-    EXPECT_EQ(fresh.GetNext(), nullptr);
-
-    CRtMessageBlock advanced(100, nullptr, 0, 40);
-    EXPECT_EQ(advanced.GetTopLevelLength(), 40u);
-    EXPECT_EQ(advanced.GetTopLevelSpace(), 60u);
-    EXPECT_EQ(advanced.GetTopLevelWritePtr() - advanced.GetTopLevelReadPtr(), 40);
-}
-
-TEST(MessageBlock, ConstructedOverCallerMemoryWrapsItWithoutCopying) {
+TEST(MessageBlock, ConstructorsSetPositionsFlagsAndOwnership) {
     char bytes[5] = {'a', 'b', 'c', 'd', 'e'};
-    CRtMessageBlock wrapped(sizeof(bytes), bytes);
-    EXPECT_EQ(wrapped.GetFlag(), static_cast<unsigned long>(CRtMessageBlock::DONT_DELETE));
-    EXPECT_EQ(wrapped.GetTopLevelLength(), 0u);
-    EXPECT_EQ(wrapped.GetTopLevelSpace(), 5u);
-
-    CRtMessageBlock full(sizeof(bytes), bytes, 0, 5);
-    EXPECT_EQ(full.GetTopLevelLength(), 5u);
-    EXPECT_EQ(full.GetTopLevelReadPtr(), bytes);
-    bytes[0] = 'z';
-    EXPECT_EQ(full.FlattenChained(), "zbcde");
-}
-
-TEST(MessageBlock, MallocDataMakesOwnStorageAndIsNotKept) {
-    TraceCapture capture;
-    const char bytes[5] = {'a', 'b', 'c', 'd', 'e'};
-    CRtMessageBlock own(sizeof(bytes), bytes, CRtMessageBlock::MALLOC_DATA, 5);
-    EXPECT_EQ(own.GetTopLevelLength(), 5u);
-    EXPECT_NE(own.GetTopLevelReadPtr(), bytes);
-    EXPECT_EQ(own.GetFlag(), 0u);
-
-    // Asking for both a copy and caller memory is reported; the copy wins.
-    CRtMessageBlock both(sizeof(bytes), bytes,
-                         CRtMessageBlock::MALLOC_DATA | CRtMessageBlock::DONT_DELETE);
-    EXPECT_EQ(1u, TraceCapture::TakeCount(
-                      "Assert failed: RT_BIT_DISABLED(aFlag, CRtMessageBlock::DONT_DELETE)"));
-    EXPECT_EQ(both.GetFlag(), 0u);
-    EXPECT_NE(both.GetTopLevelWritePtr(), bytes);
-    EXPECT_EQ(both.GetTopLevelSpace(), 5u);
-}
-
-TEST(MessageBlock, ConstructorsDropLockBitsAndKeepOtherFlags) {
     const unsigned long kHostBit = 0x40000;
-    CRtMessageBlock mb(8, nullptr,
-                       kHostBit | CRtMessageBlock::READ_LOCKED | CRtMessageBlock::WRITE_LOCKED |
-                           0x8000 | CRtMessageBlock::DUPLICATED);
-    EXPECT_EQ(mb.GetFlag(), kHostBit | CRtMessageBlock::DUPLICATED);
+    const unsigned long kBoth = CRtMessageBlock::MALLOC_DATA | CRtMessageBlock::DONT_DELETE;
+    const struct {
+        unsigned long size;
+        bool callerMemory;
+        unsigned long flag;
+        unsigned long advance;
+        unsigned long length;
+        unsigned long space;
+        unsigned long flagAfter;
+        const char* trace;  // the one line expected, if any
+    } kCases[] = {
+        {100, false, 0, 0, 0, 100, 0, nullptr},
+        {100, false, 0, 40, 40, 60, 0, nullptr},
+        {5, true, 0, 0, 0, 5, CRtMessageBlock::DONT_DELETE, nullptr},  // wraps, no copy
+        {5, true, 0, 5, 5, 0, CRtMessageBlock::DONT_DELETE, nullptr},
+        {5, true, CRtMessageBlock::MALLOC_DATA, 5, 5, 0, 0, nullptr},  // own copy
+        // Both a copy and caller memory: the copy wins.
+        {5, true, kBoth, 0, 0, 5, 0,
+         "Assert failed: RT_BIT_DISABLED(aFlag, CRtMessageBlock::DONT_DELETE)"},
+        // Lock bits and unknown low bits are dropped; the host's bits stay.
+        {8, false,
+         kHostBit | CRtMessageBlock::READ_LOCKED | CRtMessageBlock::WRITE_LOCKED | 0x8000 |
+             CRtMessageBlock::DUPLICATED,
+         0, 0, 8, kHostBit | CRtMessageBlock::DUPLICATED, nullptr},
+        {4, false, 0, 5, 0, 4, 0, "Assert failed: m_pWritePtr + aStep <= m_pEndPtr"},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(testing::Message() << c.size << " flag " << c.flag << " +" << c.advance);
+        TraceCapture capture;
+        CRtMessageBlock mb(c.size, c.callerMemory ? bytes : nullptr, c.flag, c.advance);
+        EXPECT_EQ(mb.GetTopLevelLength(), c.length);
+        EXPECT_EQ(mb.GetTopLevelSpace(), c.space);
+        EXPECT_EQ(mb.GetFlag(), c.flagAfter);
+        EXPECT_EQ(mb.GetNext(), nullptr);
+        if (c.callerMemory) {
+            EXPECT_EQ(mb.GetTopLevelWritePtr() - c.length == bytes,
+                      c.flagAfter == CRtMessageBlock::DONT_DELETE);
+        }
+        EXPECT_EQ(TraceCapture::TakeCount(c.trace ? c.trace : "Assert failed"), c.trace ? 1u : 0u);
+    }
 }
 
-TEST(MessageBlock, SizeZeroGivesNullPositions) {
-    TraceCapture capture;
+TEST(MessageBlock, SizeZeroGivesNullPositionsAndTakesNoBytes) {
     CRtMessageBlock empty(0);
     EXPECT_EQ(empty.GetTopLevelReadPtr(), nullptr);
     EXPECT_EQ(empty.GetTopLevelWritePtr(), nullptr);
-    EXPECT_EQ(empty.GetTopLevelLength(), 0u);
-    EXPECT_EQ(empty.GetTopLevelSpace(), 0u);
     unsigned long n = 99;
     EXPECT_EQ(empty.Write("abc", 3, &n), RT_ERROR_PARTIAL_DATA);
     EXPECT_EQ(n, 0u);
     EXPECT_EQ(empty.Read(nullptr, 0, &n), RT_OK);
-
-    // Advancing a block's write position beyond its size at construction is
-    // traced and leaves it empty.
-    CRtMessageBlock tooFar(4, nullptr, 0, 5);
-    EXPECT_EQ(tooFar.GetTopLevelLength(), 0u);
-    EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr + aStep <= m_pEndPtr"));
 }
 
 TEST(MessageBlock, ConstructedOverADataBlockSharesIt) {
@@ -91,7 +73,6 @@ TEST(MessageBlock, ConstructedOverADataBlockSharesIt) {
         EXPECT_EQ(mb.GetFlag(), 0u);
         EXPECT_EQ(db->GetReference(), 2u);
         EXPECT_EQ(mb.GetTopLevelWritePtr(), db->GetBasePtr());
-        EXPECT_EQ(mb.GetTopLevelSpace(), 6u);
         EXPECT_EQ(mb.AdvanceTopLevelWritePtr(6), RT_OK);
         EXPECT_EQ(mb.FlattenChained(), "abcdef");
     }
@@ -104,13 +85,13 @@ TEST(MessageBlock, AdvancingPastDataOrSpaceFailsAndMovesNothing) {
     CRtMessageBlock mb(10, nullptr, 0, 4);
     EXPECT_EQ(mb.AdvanceTopLevelReadPtr(5), RT_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr >= m_pReadPtr + aStep"));
-    EXPECT_EQ(mb.GetTopLevelLength(), 4u);
     EXPECT_EQ(mb.AdvanceTopLevelWritePtr(7), RT_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(1u, TraceCapture::TakeCount("Assert failed: m_pWritePtr + aStep <= m_pEndPtr"));
-    EXPECT_EQ(mb.GetTopLevelSpace(), 6u);
     // Huge steps must not form pointers beyond the buffer (UBSan checks).
     EXPECT_EQ(mb.AdvanceTopLevelWritePtr(ULONG_MAX), RT_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(mb.AdvanceTopLevelReadPtr(ULONG_MAX), RT_ERROR_NOT_AVAILABLE);
+    EXPECT_EQ(mb.GetTopLevelLength(), 4u);
+    EXPECT_EQ(mb.GetTopLevelSpace(), 6u);
     TraceCapture::Take();
 
     EXPECT_EQ(mb.AdvanceTopLevelReadPtr(4), RT_OK);
@@ -125,11 +106,8 @@ TEST(MessageBlock, LockedBlocksTraceEachUseAndGoOn) {
     CRtMessageBlock* mb = MakeBlock("abcd", 4);
     mb->LockReading();
     mb->LockWriting();
-    EXPECT_EQ(mb->GetFlag(), static_cast<unsigned long>(CRtMessageBlock::READ_LOCKED |
-                                                        CRtMessageBlock::WRITE_LOCKED));
     const std::string kRead = "Assert failed: RT_BIT_DISABLED(m_Flag, READ_LOCKED)";
     const std::string kWrite = "Assert failed: RT_BIT_DISABLED(m_Flag, WRITE_LOCKED)";
-
     EXPECT_NE(mb->GetTopLevelReadPtr(), nullptr);
     EXPECT_EQ(TraceCapture::TakeCount(kRead), 1u);
     EXPECT_NE(mb->GetTopLevelWritePtr(), nullptr);
@@ -151,105 +129,61 @@ TEST(MessageBlock, LockedBlocksTraceEachUseAndGoOn) {
 }
 
 TEST(MessageBlock, WriteCopiesIntoThisBlockOnlyAndReportsPartialWrites) {
-    CRtMessageBlock* first = new CRtMessageBlock(5);
-    CRtMessageBlock* second = new CRtMessageBlock(5);
-    first->Append(second);
+    CRtMessageBlock first(5);
+    CRtMessageBlock second(5);
+    first.Append(&second);
     unsigned long n = 99;
-    EXPECT_EQ(first->Write("abcdefgh", 8, &n), RT_ERROR_PARTIAL_DATA);
+    EXPECT_EQ(first.Write("abcdefgh", 8, &n), RT_ERROR_PARTIAL_DATA);
     EXPECT_EQ(n, 5u);
-    EXPECT_EQ(first->GetTopLevelSpace(), 0u);
-    EXPECT_EQ(second->GetTopLevelLength(), 0u);
-    EXPECT_EQ(first->FlattenChained(), "abcde");
-    EXPECT_EQ(second->Write(nullptr, 3, &n), RT_OK);  // a null source only counts
+    EXPECT_EQ(first.FlattenChained(), "abcde");
+    EXPECT_EQ(second.Write(nullptr, 3, &n), RT_OK);  // a null source only counts
     EXPECT_EQ(n, 3u);
-    EXPECT_EQ(second->GetTopLevelLength(), 3u);
-    EXPECT_EQ(second->Write("", 0, &n), RT_OK);
-    EXPECT_EQ(n, 0u);
-    delete first;
-    delete second;
+    EXPECT_EQ(second.GetTopLevelLength(), 3u);
 }
 
-class MessageBlockReadPeek : public ::testing::Test {
-protected:
-    // Blocks holding "abcd", nothing and "efg".
-    void SetUp() override {
-        m_pA = MakeBlock("abcd");
-        m_pB = MakeBlock("", 2);
-        m_pC = MakeBlock("efg", 1);
-        m_pA->Append(m_pB);
-        m_pA->Append(m_pC);
+// Each row runs on a fresh chain of "abcd", an empty block and "efg".
+TEST(MessageBlock, ReadAndPeekCrossBlocksAndReportShortTransfers) {
+    enum Op { kRead, kLook, kPeek };  // kLook: Read without advancing
+    const struct {
+        Op op;
+        unsigned long skip;  // read away first
+        unsigned long count;
+        unsigned long pos;  // for Peek
+        bool copy;
+        int rv;
+        unsigned long n;
+        const char* out;
+        const char* left;  // the chain's bytes afterwards
+    } kCases[] = {
+        {kRead, 0, 10, 0, true, RT_ERROR_PARTIAL_DATA, 7, "abcdefg", ""},
+        {kRead, 0, 5, 0, true, RT_OK, 5, "abcde", "fg"},
+        {kRead, 0, 0, 0, true, RT_OK, 0, "", "abcdefg"},
+        {kRead, 0, 1, 0, false, RT_OK, 1, "", "bcdefg"},  // a null buffer skips
+        {kRead, 7, 1, 0, true, RT_ERROR_PARTIAL_DATA, 0, "", ""},
+        {kLook, 0, 6, 0, true, RT_OK, 6, "abcdef", "abcdefg"},
+        {kPeek, 0, 3, 2, true, RT_OK, 3, "cde", "abcdefg"},
+        {kPeek, 0, 2, 5, true, RT_OK, 2, "fg", "abcdefg"},    // starts past the empty block
+        {kPeek, 0, 4, 0, true, RT_OK, 4, "abcd", "abcdefg"},  // ends on a block boundary
+        {kPeek, 0, 7, 0, false, RT_OK, 7, "", "abcdefg"},
+        {kPeek, 0, 10, 2, true, RT_ERROR_PARTIAL_DATA, 5, "cdefg", "abcdefg"},
+        {kPeek, 0, 1, 7, true, RT_ERROR_PARTIAL_DATA, 99, "", "abcdefg"},  // n untouched
+        {kPeek, 2, 2, 1, true, RT_OK, 2, "de", "cdefg"},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(testing::Message()
+                     << "op " << c.op << " count " << c.count << " pos " << c.pos);
+        OwnedChain chain({"abcd", "", "efg"});
+        chain.Head()->AdvanceChainedReadPtr(c.skip);
+        char out[16] = {};
+        char* buf = c.copy ? out : nullptr;
+        unsigned long n = 99;
+        int rv = c.op == kPeek ? chain.Head()->Peek(buf, c.count, c.pos, &n)
+                               : chain.Head()->Read(buf, c.count, &n, c.op == kRead);
+        EXPECT_EQ(rv, c.rv);
+        EXPECT_EQ(n, c.n);
+        EXPECT_EQ(std::string(out, c.copy && c.n != 99 ? c.n : 0), c.out);
+        EXPECT_EQ(chain.Head()->FlattenChained(), c.left);
     }
-    void TearDown() override {
-        delete m_pA;
-        delete m_pB;
-        delete m_pC;
-    }
-    CRtMessageBlock* m_pA = nullptr;
-    CRtMessageBlock* m_pB = nullptr;
-    CRtMessageBlock* m_pC = nullptr;
-};
-
-TEST_F(MessageBlockReadPeek, ReadCrossesEmptyBlocksAndReportsShortReads) {
-    char out[16] = {};
-    unsigned long n = 99;
-    EXPECT_EQ(m_pA->Read(out, 10, &n), RT_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(n, 7u);
-    EXPECT_EQ(std::string(out, 7), "abcdefg");
-    EXPECT_EQ(m_pA->GetChainedLength(), 0u);
-    EXPECT_EQ(m_pC->GetTopLevelLength(), 0u);
-    EXPECT_EQ(m_pA->Read(out, 1, &n), RT_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(n, 0u);
-}
-
-TEST_F(MessageBlockReadPeek, ReadStopsExactlyWhereTheRequestIsMet) {
-    char out[16] = {};
-    unsigned long n = 99;
-    EXPECT_EQ(m_pA->Read(out, 5, &n), RT_OK);
-    EXPECT_EQ(n, 5u);
-    EXPECT_EQ(std::string(out, 5), "abcde");
-    EXPECT_EQ(m_pC->FlattenChained(), "fg");
-    EXPECT_EQ(m_pA->Read(out, 0, &n), RT_OK);
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(m_pA->Read(nullptr, 1, &n), RT_OK);  // skips like AdvanceChainedReadPtr
-    EXPECT_EQ(m_pA->FlattenChained(), "g");
-}
-
-TEST_F(MessageBlockReadPeek, ReadWithoutAdvanceMovesNothing) {
-    char out[16] = {};
-    unsigned long n = 99;
-    EXPECT_EQ(m_pA->Read(out, 6, &n, FALSE), RT_OK);
-    EXPECT_EQ(std::string(out, 6), "abcdef");
-    EXPECT_EQ(m_pA->GetChainedLength(), 7u);
-    EXPECT_EQ(m_pA->FlattenChained(), "abcdefg");
-}
-
-TEST_F(MessageBlockReadPeek, PeekCopiesAcrossBlocksAtAnyPosition) {
-    char out[16] = {};
-    unsigned long n = 99;
-    EXPECT_EQ(m_pA->Peek(out, 3, 2, &n), RT_OK);
-    EXPECT_EQ(n, 3u);
-    EXPECT_EQ(std::string(out, 3), "cde");
-    EXPECT_EQ(m_pA->Peek(out, 2, 5, &n), RT_OK);  // starts past an empty block
-    EXPECT_EQ(std::string(out, 2), "fg");
-    EXPECT_EQ(m_pA->Peek(out, 4, 0, &n), RT_OK);  // ends on the block boundary
-    EXPECT_EQ(std::string(out, 4), "abcd");
-    EXPECT_EQ(m_pA->Peek(nullptr, 7, 0, &n), RT_OK);
-    EXPECT_EQ(n, 7u);
-    EXPECT_EQ(m_pA->GetChainedLength(), 7u);
-}
-
-TEST_F(MessageBlockReadPeek, PeekPastTheEndIsPartial) {
-    char out[16] = {};
-    unsigned long n = 99;
-    EXPECT_EQ(m_pA->Peek(out, 1, 7, &n), RT_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(n, 99u);  // untouched
-    EXPECT_EQ(m_pA->Peek(out, 10, 2, &n), RT_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(n, 5u);
-    EXPECT_EQ(std::string(out, 5), "cdefg");
-    EXPECT_EQ(m_pC->Peek(out, 5, 1, &n), RT_ERROR_PARTIAL_DATA);  // the last block alone
-    EXPECT_EQ(n, 2u);
-    EXPECT_EQ(std::string(out, 2), "fg");
-    EXPECT_EQ(m_pA->GetChainedLength(), 7u);
 }
 
 TEST(MessageBlock, OutOfOrderPositionsNeverLeadOutsideTheBuffer) {
