@@ -60,8 +60,7 @@ public:
         return m_calls[aName];
     }
     bool WaitForCall(const std::string& aName) {
-        std::unique_lock<std::mutex> lock(m_lock);
-        return m_cond.wait_for(lock, std::chrono::seconds(30), [&] { return m_calls[aName] > 0; });
+        return WaitUntil([&] { return Calls(aName) > 0; });
     }
     std::vector<std::string> Order() {
         std::lock_guard<std::mutex> lock(m_lock);
@@ -73,7 +72,6 @@ private:
         std::unique_lock<std::mutex> lock(m_lock);
         ++m_calls[aName];
         m_order.push_back(aName);
-        m_cond.notify_all();
         if (aName == "gate.test" && !m_gateUsed) {
             m_gateUsed = true;
             m_cond.wait(lock, [&] { return m_gateOpen; });
@@ -110,12 +108,9 @@ public:
         std::lock_guard<std::mutex> lock(m_lock);
         m_calls.push_back(
             Call{aTopic, *static_cast<int*>(aData), CRtThreadManager::GetThreadSelfId()});
-        m_cond.notify_all();
     }
     bool WaitCalls(size_t aCount) {
-        std::unique_lock<std::mutex> lock(m_lock);
-        return m_cond.wait_for(lock, std::chrono::seconds(30),
-                               [&] { return m_calls.size() >= aCount; });
+        return WaitUntil([&] { return Calls().size() >= aCount; });
     }
     std::vector<Call> Calls() {
         std::lock_guard<std::mutex> lock(m_lock);
@@ -126,7 +121,6 @@ public:
 
 private:
     std::mutex m_lock;
-    std::condition_variable m_cond;
     std::vector<Call> m_calls;
 };
 
