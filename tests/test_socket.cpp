@@ -1,12 +1,10 @@
 // Socket wrappers against real loopback peers: opening and closing, address
 // reuse and addresses in use, stream and datagram transfers with scatter and
-// gather, half-closes, non-blocking reads, bad arguments, and the reactor's
-// write report re-armed by a send that would block.
+// gather, half-closes, non-blocking reads and bad arguments.
 #include <gtest/gtest.h>
 
 #include <errno.h>
 #ifndef _WIN32
-#include <dirent.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #endif
@@ -15,12 +13,12 @@
 #include <cstring>
 #include <string>
 
+#include "fd_count.h"
 #include "loopback_helpers.h"
 #include "platform_errors.h"
 #include "rtframework.h"
 #include "rtosnet.h"
 #include "rtossocket.h"
-#include "rtoswindow.h"
 #include "trace_capture.h"
 
 namespace {
@@ -63,26 +61,8 @@ int ReuseOf(const CRtSocketBase& aSock) {
 // Every test must give back each descriptor it opened.
 class Socket : public ::testing::Test {
 protected:
-    void SetUp() override { m_fds = OpenFds(); }
-    void TearDown() override { EXPECT_EQ(m_fds, OpenFds()); }
-
-    static int OpenFds() {
-#ifdef _WIN32
-        DWORD handles = 0;
-        ::GetProcessHandleCount(::GetCurrentProcess(), &handles);
-        return static_cast<int>(handles);
-#else
-        int n = 0;
-        DIR* dir = ::opendir("/proc/self/fd");
-        while (dir && ::readdir(dir)) {
-            ++n;
-        }
-        if (dir) {
-            ::closedir(dir);
-        }
-        return n;
-#endif
-    }
+    void SetUp() override { m_fds = OpenFdCount(); }
+    void TearDown() override { EXPECT_EQ(m_fds, OpenFdCount()); }
 
     // A listener on loopback, a client connected to it, and the accepted end.
     void Connect(Stream& aClient, Stream& aServer) {
@@ -280,7 +260,7 @@ TEST_F(Socket, BadArgumentsAreTracedAndFailInTheSystem) {
     // The address given by name below starts the library's threads (through
     // the DNS manager), whose descriptors live as long as the process.
     CRtDnsManager::Instance();
-    m_fds = OpenFds();
+    m_fds = OpenFdCount();
     TraceCapture capture;
     Stream client, server;
     Connect(client, server);
@@ -317,48 +297,6 @@ TEST_F(Socket, BadArgumentsAreTracedAndFailInTheSystem) {
     int sent;
     EXPECT_TRUE(WaitUntil([&] { return (sent = server.Send("x", 1, 0)) == -1; }));
     EXPECT_TRUE(IsBrokenConnection(ErrorOf(sent))) << ErrorOf(sent);
-}
-
-// The reactor reports writability once; a send through the wrappers that would
-// block must make it report again when room comes back.
-int g_writeReports = 0;
-intptr_t CountWrites(rtos::WindowHandle, uint32_t, uintptr_t, intptr_t aLParam) {
-    g_writeReports += rtos::SelectEvent(aLParam) == rtos::kFdWrite;
-    return 0;
-}
-
-TEST_F(Socket, SendThatWouldBlockRearmsTheWriteReport) {
-    ASSERT_TRUE(rtos::WindowClassRegister("SocketTestWindow", &CountWrites, 8));
-    rtos::WindowHandle wnd = rtos::WindowCreate("SocketTestWindow");
-    auto pumpUntil = [](int aReports) {
-        return WaitUntil([&] {
-            rtos::Message msg;
-            while (rtos::MessagePeek(&msg)) {
-                rtos::MessageDispatch(&msg);
-            }
-            return g_writeReports >= aReports;
-        });
-    };
-    {
-        Stream client, server;
-        Connect(client, server);
-        ASSERT_EQ(0, rtos::SocketAsyncSelect(Fd(client), wnd, rtos::kWmUser, rtos::kFdWrite));
-        ASSERT_TRUE(pumpUntil(1));
-
-        const std::string chunk(65536, 'z');
-        int sent;
-        while ((sent = client.Send(chunk.data(), chunk.size(), 0)) > 0) {
-        }
-        EXPECT_TRUE(WouldBlock(sent));
-        char buf[65536];
-        ASSERT_EQ(0, server.Enable(RT_IPC_SAP::NON_BLOCK));
-        while (server.Recv(buf, sizeof(buf), 0) > 0) {
-        }
-        EXPECT_TRUE(pumpUntil(2));
-        rtos::SocketAsyncSelect(Fd(client), wnd, rtos::kWmUser, 0);
-    }
-    rtos::WindowDestroy(wnd);
-    rtos::MessageQueueClose();
 }
 
 }  // namespace

@@ -3,32 +3,27 @@
 // opened again (taking the same number) while their readiness is still being
 // dispatched. No callback may reach a removed handler and none may be lost for
 // a live one.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <memory>
 #include <random>
 #include <vector>
 
+#include "loopback_helpers.h"
 #include "stress_common.h"
 
 namespace {
 
 enum class Role { Echo, SelfRemove, RemoveOther, Reopen, PeerCloses, PeerResets, kCount };
 
-void* Fd(int aFd) {
-    return reinterpret_cast<void*>(static_cast<intptr_t>(aFd));
+bool Acts(Role aRole) {
+    return aRole == Role::SelfRemove || aRole == Role::RemoveOther || aRole == Role::Reopen;
 }
 
 class ChurnRound;
 
-class ChurnHandler : public IRtEventHandler {
-public:
+struct ChurnHandler : public IRtEventHandler {
     ChurnHandler(ChurnRound* aRound, Role aRole, int aFd, long aExpected)
         : round(aRound), role(aRole), fd(aFd), expected(aExpected) {}
-    void* GetHandle() const override { return Fd(fd); }
+    void* GetHandle() const override { return reinterpret_cast<void*>(intptr_t(fd)); }
     int OnInput(void*) override;
     int OnClose(void*, MASK) override;
 
@@ -55,37 +50,30 @@ public:
     }
 
     int Input(ChurnHandler& aH) {
-        if (aH.removed) {
-            ++violations;
-            return 0;
-        }
+        violations += aH.removed;
         char buf[4096];
-        for (;;) {
-            ssize_t n = ::recv(aH.fd, buf, sizeof(buf), MSG_DONTWAIT);
-            if (n > 0) {
-                aH.bytes += n;
-                continue;
-            }
-            if (n == 0 || errno != EAGAIN) {
-                return -1;  // closed or reset: the reactor removes it and calls OnClose
-            }
-            break;
+        ssize_t n;
+        while ((n = ::recv(aH.fd, buf, sizeof(buf), MSG_DONTWAIT)) > 0) {
+            aH.bytes += n;
+        }
+        if (n == 0 || errno != EAGAIN) {
+            return -1;  // closed or reset: the reactor removes it and calls OnClose
         }
         if (aH.acted) {
             return 0;
         }
         aH.acted = true;
-        if (aH.role == Role::SelfRemove) {
-            violations += m_reactor->RemoveHandler(&aH) != RT_OK;
-            aH.removed = true;
-        } else if (aH.role == Role::RemoveOther || aH.role == Role::Reopen) {
-            if (ChurnHandler* other = PickLiveOther(aH)) {
-                violations += m_reactor->RemoveHandler(other) != RT_OK;
-                other->removed = other->removedByOther = true;
-                if (aH.role == Role::Reopen) {
-                    Reopen(*other);
-                }
-            }
+        ChurnHandler* other = aH.role == Role::SelfRemove ? &aH
+                              : Acts(aH.role)             ? PickLiveOther(aH)
+                                                          : nullptr;
+        if (!other) {
+            return 0;
+        }
+        violations += m_reactor->RemoveHandler(other) != RT_OK;
+        other->removed = true;
+        other->removedByOther = other != &aH;
+        if (aH.role == Role::Reopen) {
+            Reopen(*other);
         }
         return 0;
     }
@@ -100,26 +88,9 @@ public:
     // Every handler that nobody else removed got what its peer did.
     bool Complete() const {
         for (const auto& h : m_handlers) {
-            if (h->removedByOther) {
-                continue;
-            }
-            bool done = h->bytes == h->expected;
-            switch (h->role) {
-                case Role::SelfRemove:
-                case Role::RemoveOther:
-                case Role::Reopen:
-                    done = h->acted;
-                    break;
-                case Role::PeerCloses:
-                    done = done && h->closes == 1;
-                    break;
-                case Role::PeerResets:
-                    done = h->closes == 1;
-                    break;
-                default:
-                    break;
-            }
-            if (!done) {
+            const bool read = h->role == Role::PeerResets || h->bytes == h->expected;
+            const bool closed = h->closes == 1 || h->role == Role::Echo;
+            if (!h->removedByOther && !(Acts(h->role) ? h->acted : read && closed)) {
                 return false;
             }
         }
@@ -131,7 +102,6 @@ public:
         for (const auto& h : m_handlers) {
             if (!h->removed) {
                 violations += m_reactor->RemoveHandler(h.get()) != RT_OK;
-                h->removed = true;
             }
             if (h->fd >= 0) {
                 ::close(h->fd);
@@ -160,7 +130,7 @@ private:
     // Closes the removed handler's descriptor and at once opens a socket that
     // usually takes the same number, with a live handler and data on it.
     void Reopen(ChurnHandler& aOld) {
-        int oldFd = aOld.fd;
+        const int oldFd = aOld.fd;
         ::close(oldFd);
         aOld.fd = -1;
         int pair[2];
@@ -186,34 +156,22 @@ int ChurnHandler::OnInput(void*) {
 }
 
 int ChurnHandler::OnClose(void*, MASK) {
-    round->Closed(*this);
-    return 0;
+    return round->Closed(*this), 0;
 }
 
-// A connected loopback TCP pair (a reset needs TCP).
-bool TcpPair(int aListener, int aPair[2]) {
-    sockaddr_in addr{};
-    socklen_t len = sizeof(addr);
-    ::getsockname(aListener, reinterpret_cast<sockaddr*>(&addr), &len);
+// A connected pair: TCP when it is to be reset, AF_UNIX otherwise.
+bool MakePair(bool aTcp, int aListener, int aPair[2]) {
+    if (!aTcp) {
+        return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, aPair) == 0;
+    }
+    sockaddr_in a = Loopback(PortOf(aListener));
     aPair[1] = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (::connect(aPair[1], reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    if (::connect(aPair[1], reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) {
         ::close(aPair[1]);
         return false;
     }
     aPair[0] = ::accept4(aListener, nullptr, nullptr, SOCK_CLOEXEC);
     return aPair[0] >= 0;
-}
-
-int Listener() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 || ::listen(fd, 64) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 }  // namespace
@@ -231,10 +189,9 @@ TEST(ReactorStress, ChurningHandlersNeverHearAfterRemovalAndLoseNothing) {
     auto onReactor = [&](std::function<int()> aFn) {
         return reactor->SendEvent(new FnEvent(std::move(aFn)));
     };
-    int listener = Listener();
-    ASSERT_GE(listener, 0);
+    const int listener = Listener();
 
-    long violations = 0, reopened = 0, sameNumber = 0, handlers = 0;
+    long reopened = 0, sameNumber = 0, handlers = 0;
     for (long round = 0; round < kRounds; ++round) {
         ChurnRound churn(reactor, &rng);
         struct Peer {
@@ -244,13 +201,10 @@ TEST(ReactorStress, ChurningHandlersNeverHearAfterRemovalAndLoseNothing) {
         };
         std::vector<Peer> peers;
         for (int i = 0; i < kHandlers; ++i) {
-            Role role = static_cast<Role>(rng() % static_cast<int>(Role::kCount));
+            const Role role = static_cast<Role>(rng() % static_cast<int>(Role::kCount));
             int pair[2];
-            bool made = role == Role::PeerResets
-                            ? TcpPair(listener, pair)
-                            : ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0;
-            ASSERT_TRUE(made) << "errno " << errno;
-            long bytes = role == Role::PeerResets ? 0 : 1 + long(rng() % 4096);
+            ASSERT_TRUE(MakePair(role == Role::PeerResets, listener, pair)) << "errno " << errno;
+            const long bytes = role == Role::PeerResets ? 0 : 1 + long(rng() % 4096);
             peers.push_back({role, pair[0], pair[1], bytes});
         }
         ASSERT_EQ(onReactor([&] {
@@ -263,7 +217,7 @@ TEST(ReactorStress, ChurningHandlersNeverHearAfterRemovalAndLoseNothing) {
                   RT_OK);
 
         // All peers act at once, so their readiness is dispatched together.
-        std::vector<char> data(4096, 'x');
+        const std::vector<char> data(4096, 'x');
         for (Peer& p : peers) {
             // A handler that acted already may have closed this peer's end.
             if (p.bytes > 0 && ::send(p.remote, data.data(), size_t(p.bytes), MSG_NOSIGNAL) < 0) {
@@ -287,14 +241,12 @@ TEST(ReactorStress, ChurningHandlersNeverHearAfterRemovalAndLoseNothing) {
                 ::close(p.remote);
             }
         }
-        violations += churn.violations;
         reopened += churn.reopened;
         sameNumber += churn.sameNumber;
         handlers += kHandlers + churn.reopened;
         ASSERT_EQ(churn.violations, 0) << "round " << round;
     }
     ::close(listener);
-    EXPECT_EQ(violations, 0);
     Figure("churn_rounds", kRounds);
     Figure("churn_handlers", handlers);
     Figure("descriptors_reopened", reopened);
