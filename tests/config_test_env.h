@@ -6,89 +6,68 @@
 #define TESTS_CONFIG_TEST_ENV_H
 
 #include <stdlib.h>
-#include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
+#include <list>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "fd_count.h"
+#include "rtos.h"
 
 #ifdef _WIN32
-#include <direct.h>
 #include <windows.h>
 
-#include <filesystem>
-#else
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char** environ;
-#endif
-
-#ifdef _WIN32
-constexpr char kSep = '\\';
 inline int setenv(const char* aName, const char* aValue, int) {
     return ::_putenv_s(aName, aValue);
 }
 inline int unsetenv(const char* aName) {
     return ::_putenv_s(aName, "");
 }
-inline int mkdir(const char* aDir, int) {
-    return ::_mkdir(aDir);
-}
 #else
-constexpr char kSep = '/';
+#include <errno.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
 #endif
+
+namespace fs = std::filesystem;
 
 class TempDir {
 public:
-#ifdef _WIN32
     TempDir() {
         static int s_serial = 0;
-        char base[MAX_PATH];
-        ::GetTempPathA(sizeof(base), base);
+        std::error_code ec;
+        const fs::path base = fs::temp_directory_path(ec);
         for (int i = 0; i < 100 && m_path.empty(); ++i) {
-            std::string path = std::string(base) + "kvt_config_" +
-                               std::to_string(::GetCurrentProcessId()) + "_" +
-                               std::to_string(s_serial++);
-            if (::CreateDirectoryA(path.c_str(), nullptr)) {
-                m_path = path;
+            fs::path path = base / ("kvt_config_" + std::to_string(rtos::CurrentProcessId()) + "_" +
+                                    std::to_string(s_serial++));
+            if (fs::create_directory(path, ec)) {
+                m_path = path.string();
             }
         }
     }
     ~TempDir() {
         std::error_code ec;
-        std::filesystem::remove_all(m_path, ec);
-    }
-#else
-    TempDir() {
-        char tmpl[] = "/tmp/kvt_config_XXXXXX";
-        const char* made = ::mkdtemp(tmpl);
-        m_path = made ? made : "";
-    }
-    ~TempDir() {
-        if (!m_path.empty()) {
-            // Folders a test made read-only must be writable to be removed.
-            std::string cmd =
-                "chmod -R u+rwx '" + m_path + "' 2>/dev/null; rm -rf '" + m_path + "'";
-            int rc = ::system(cmd.c_str());
-            (void)rc;
+        // Folders a test made read-only must be writable to be emptied.
+        for (fs::recursive_directory_iterator it(m_path, ec), end; !ec && it != end;
+             it.increment(ec)) {
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
         }
+        fs::remove_all(m_path, ec);
     }
-#endif
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
-    const std::string& Path() const {
-        return m_path;
-    }
+    const std::string& Path() const { return m_path; }
     std::string operator/(const std::string& aName) const {
-        return m_path + kSep + aName;
+        return (fs::path(m_path) / aName).string();
     }
 
 private:
@@ -97,20 +76,18 @@ private:
 
 class ScopedCwd {
 public:
-    explicit ScopedCwd(const std::string& aDir) {
-        char buf[4096];
-        m_old = ::getcwd(buf, sizeof(buf)) ? buf : "/";
-        m_ok = ::chdir(aDir.c_str()) == 0;
+    explicit ScopedCwd(const std::string& aDir) : m_old(fs::current_path(m_error)) {
+        fs::current_path(aDir, m_error);
     }
     ~ScopedCwd() {
-        int rc = ::chdir(m_old.c_str());
-        (void)rc;
+        std::error_code ec;
+        fs::current_path(m_old, ec);
     }
-    bool Ok() const { return m_ok; }
+    bool Ok() const { return !m_error; }
 
 private:
-    std::string m_old;
-    bool m_ok;
+    std::error_code m_error;
+    fs::path m_old;
 };
 
 // Sets (or, with a null value, removes) one variable for its scope.
@@ -120,21 +97,19 @@ public:
         const char* old = ::getenv(aName);
         m_hadOld = old != nullptr;
         m_old = old ? old : "";
-        if (aValue) {
-            ::setenv(aName, aValue, 1);
-        } else {
-            ::unsetenv(aName);
-        }
+        Set(aValue);
     }
-    ~ScopedEnv() {
-        if (m_hadOld) {
-            ::setenv(m_name.c_str(), m_old.c_str(), 1);
+    ~ScopedEnv() { Set(m_hadOld ? m_old.c_str() : nullptr); }
+
+private:
+    void Set(const char* aValue) {
+        if (aValue) {
+            ::setenv(m_name.c_str(), aValue, 1);
         } else {
             ::unsetenv(m_name.c_str());
         }
     }
 
-private:
     std::string m_name;
     std::string m_old;
     bool m_hadOld;
@@ -154,14 +129,15 @@ inline std::string ReadFile(const std::string& aPath) {
 }
 
 inline bool FileExists(const std::string& aPath) {
-    struct stat st;
-    return ::stat(aPath.c_str(), &st) == 0;
+    std::error_code ec;
+    return fs::exists(aPath, ec);
 }
 
 // Writes <aDir>/conf/kvtix.ini.
 inline bool WriteConfig(const std::string& aDir, const std::string& aText) {
-    ::mkdir((aDir + kSep + "conf").c_str(), 0755);
-    return WriteFile(aDir + kSep + "conf" + kSep + "kvtix.ini", aText);
+    std::error_code ec;
+    fs::create_directory(fs::path(aDir) / "conf", ec);
+    return WriteFile((fs::path(aDir) / "conf" / "kvtix.ini").string(), aText);
 }
 
 // Counts the occurrences of aNeedle in aText.
@@ -179,26 +155,22 @@ struct ChildResult {
     int exitCode = -1;  // -1 when the child did not exit normally
 };
 
-#ifdef _WIN32
-// As below, with CreateProcessA.
+// Runs this test program again with only aTest selected (it may be a
+// DISABLED_ test), in aCwd, with aEnv laid over the environment (an empty
+// value removes the variable). The library of the child loads with that
+// environment and working directory, which is the point.
 inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
                            const std::map<std::string, std::string>& aEnv) {
-    std::string block;
-    if (char* env = ::GetEnvironmentStringsA()) {
-        for (const char* e = env; *e; e += ::strlen(e) + 1) {
-            std::string entry = e;
-            if (aEnv.find(entry.substr(0, entry.find('='))) == aEnv.end()) {
-                block.append(entry).push_back('\0');
-            }
-        }
-        ::FreeEnvironmentStringsA(env);
-    }
+    std::list<ScopedEnv> env;  // the child inherits them, and the directory
     for (const auto& kv : aEnv) {
-        if (!kv.second.empty()) {
-            block.append(kv.first + "=" + kv.second).push_back('\0');
-        }
+        env.emplace_back(kv.first.c_str(), kv.second.empty() ? nullptr : kv.second.c_str());
     }
-    block.push_back('\0');
+    ScopedCwd cwd(aCwd);
+    ChildResult result;
+    if (!cwd.Ok()) {
+        return result;
+    }
+#ifdef _WIN32
     char self[MAX_PATH];
     ::GetModuleFileNameA(nullptr, self, sizeof(self));
     std::string cmd = std::string("\"") + self + "\" --gtest_filter=" + aTest +
@@ -213,9 +185,7 @@ inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
     si.hStdOutput = nul;
     si.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION pi = {};
-    ChildResult result;
-    if (::CreateProcessA(self, &cmd[0], nullptr, nullptr, TRUE, 0, &block[0], aCwd.c_str(), &si,
-                         &pi)) {
+    if (::CreateProcessA(self, &cmd[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
         result.pid = static_cast<int>(pi.dwProcessId);
         ::WaitForSingleObject(pi.hProcess, INFINITE);
         DWORD code = 0;
@@ -226,65 +196,25 @@ inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
         ::CloseHandle(pi.hProcess);
     }
     ::CloseHandle(nul);
-    return result;
-}
 #else
-
-// Runs this test program again with only aTest selected (it may be a
-// DISABLED_ test), in aCwd, with aEnv added to the environment (an empty value
-// removes the variable). The library of the child loads with that environment
-// and working directory, which is the point.
-inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
-                           const std::map<std::string, std::string>& aEnv) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        std::string name = entry.substr(0, entry.find('='));
-        if (aEnv.find(name) == aEnv.end()) {
-            env.push_back(entry);
-        }
-    }
-    for (const auto& kv : aEnv) {
-        if (!kv.second.empty()) {
-            env.push_back(kv.first + "=" + kv.second);
-        }
-    }
-    std::vector<char*> envp;
-    for (std::string& entry : env) {
-        envp.push_back(&entry[0]);
-    }
-    envp.push_back(nullptr);
-    std::string filter = "--gtest_filter=" + aTest;
     std::string self = "/proc/self/exe";
+    std::string filter = "--gtest_filter=" + aTest;
     char alsoDisabled[] = "--gtest_also_run_disabled_tests";
     char* argv[] = {&self[0], &filter[0], alsoDisabled, nullptr};
-
-    ChildResult result;
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        // Only async-signal-safe calls until exec.
-        int devnull = ::open("/dev/null", O_WRONLY);
-        if (devnull >= 0) {
-            ::dup2(devnull, 1);
-        }
-        if (::chdir(aCwd.c_str()) != 0) {
-            ::_exit(126);
-        }
-        ::execve(argv[0], argv, envp.data());
-        ::_exit(127);
-    }
-    if (pid < 0) {
-        return result;
-    }
-    result.pid = pid;
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ) == 0) {
+        result.pid = pid;
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    if (WIFEXITED(status)) {
-        result.exitCode = WEXITSTATUS(status);
-    }
+    ::posix_spawn_file_actions_destroy(&actions);
+#endif
     return result;
 }
-#endif
 
 #endif  // TESTS_CONFIG_TEST_ENV_H
