@@ -16,10 +16,11 @@
 #include <vector>
 
 #include "fd_count.h"
+#include "rtconfig.h"
 #include "rtos.h"
 
 #ifdef _WIN32
-#include <windows.h>
+#include <process.h>
 
 inline int setenv(const char* aName, const char* aValue, int) {
     return ::_putenv_s(aName, aValue);
@@ -55,11 +56,6 @@ public:
     }
     ~TempDir() {
         std::error_code ec;
-        // Folders a test made read-only must be writable to be emptied.
-        for (fs::recursive_directory_iterator it(m_path, ec), end; !ec && it != end;
-             it.increment(ec)) {
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
-        }
         fs::remove_all(m_path, ec);
     }
     TempDir(const TempDir&) = delete;
@@ -151,7 +147,7 @@ inline size_t CountOf(const std::string& aText, const std::string& aNeedle) {
 }
 
 struct ChildResult {
-    int pid = -1;
+    int pid = -1;       // not known on Windows
     int exitCode = -1;  // -1 when the child did not exit normally
 };
 
@@ -166,47 +162,20 @@ inline ChildResult RunSelf(const std::string& aTest, const std::string& aCwd,
         env.emplace_back(kv.first.c_str(), kv.second.empty() ? nullptr : kv.second.c_str());
     }
     ScopedCwd cwd(aCwd);
+    const std::string filter = "--gtest_filter=" + aTest;
+    const char* argv[] = {get_exec_name(), filter.c_str(), "--gtest_also_run_disabled_tests",
+                          nullptr};
     ChildResult result;
-    if (!cwd.Ok()) {
-        return result;
-    }
 #ifdef _WIN32
-    char self[MAX_PATH];
-    ::GetModuleFileNameA(nullptr, self, sizeof(self));
-    std::string cmd = std::string("\"") + self + "\" --gtest_filter=" + aTest +
-                      " --gtest_also_run_disabled_tests";
-    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-    HANDLE nul =
-        ::CreateFileA("NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &inherit, OPEN_EXISTING, 0, nullptr);
-    STARTUPINFOA si = {};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
-    si.hStdOutput = nul;
-    si.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
-    PROCESS_INFORMATION pi = {};
-    if (::CreateProcessA(self, &cmd[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)) {
-        result.pid = static_cast<int>(pi.dwProcessId);
-        ::WaitForSingleObject(pi.hProcess, INFINITE);
-        DWORD code = 0;
-        if (::GetExitCodeProcess(pi.hProcess, &code)) {
-            result.exitCode = static_cast<int>(code);
-        }
-        ::CloseHandle(pi.hThread);
-        ::CloseHandle(pi.hProcess);
-    }
-    ::CloseHandle(nul);
+    result.exitCode = cwd.Ok() ? static_cast<int>(::_spawnv(_P_WAIT, argv[0], argv)) : -1;
 #else
-    std::string self = "/proc/self/exe";
-    std::string filter = "--gtest_filter=" + aTest;
-    char alsoDisabled[] = "--gtest_also_run_disabled_tests";
-    char* argv[] = {&self[0], &filter[0], alsoDisabled, nullptr};
-    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_t actions;  // the child's report stays out of ours
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     pid_t pid = -1;
     int status = 0;
-    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ) == 0) {
+    if (cwd.Ok() &&
+        ::posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char**>(argv), environ) == 0) {
         result.pid = pid;
         while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }
