@@ -9,9 +9,10 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <list>
 #include <map>
-#include <sstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,13 +22,6 @@
 
 #ifdef _WIN32
 #include <process.h>
-
-inline int setenv(const char* aName, const char* aValue, int) {
-    return ::_putenv_s(aName, aValue);
-}
-inline int unsetenv(const char* aName) {
-    return ::_putenv_s(aName, "");
-}
 #else
 #include <errno.h>
 #include <fcntl.h>
@@ -44,15 +38,13 @@ class TempDir {
 public:
     TempDir() {
         static int s_serial = 0;
+        m_path =
+            (fs::temp_directory_path() / ("kvt_config_" + std::to_string(rtos::CurrentProcessId()) +
+                                          "_" + std::to_string(s_serial++)))
+                .string();
         std::error_code ec;
-        const fs::path base = fs::temp_directory_path(ec);
-        for (int i = 0; i < 100 && m_path.empty(); ++i) {
-            fs::path path = base / ("kvt_config_" + std::to_string(rtos::CurrentProcessId()) + "_" +
-                                    std::to_string(s_serial++));
-            if (fs::create_directory(path, ec)) {
-                m_path = path.string();
-            }
-        }
+        fs::remove_all(m_path, ec);  // left by an earlier process of the same id
+        fs::create_directories(m_path, ec);
     }
     ~TempDir() {
         std::error_code ec;
@@ -90,38 +82,33 @@ private:
 class ScopedEnv {
 public:
     ScopedEnv(const char* aName, const char* aValue) : m_name(aName) {
-        const char* old = ::getenv(aName);
-        m_hadOld = old != nullptr;
-        m_old = old ? old : "";
+        if (const char* old = ::getenv(aName)) {
+            m_old = old;
+        }
         Set(aValue);
     }
-    ~ScopedEnv() { Set(m_hadOld ? m_old.c_str() : nullptr); }
+    ~ScopedEnv() { Set(m_old ? m_old->c_str() : nullptr); }
 
 private:
     void Set(const char* aValue) {
-        if (aValue) {
-            ::setenv(m_name.c_str(), aValue, 1);
-        } else {
-            ::unsetenv(m_name.c_str());
-        }
+#ifdef _WIN32
+        ::_putenv_s(m_name.c_str(), aValue ? aValue : "");  // "" removes it
+#else
+        aValue ? ::setenv(m_name.c_str(), aValue, 1) : ::unsetenv(m_name.c_str());
+#endif
     }
 
     std::string m_name;
-    std::string m_old;
-    bool m_hadOld;
+    std::optional<std::string> m_old;
 };
 
 inline bool WriteFile(const std::string& aPath, const std::string& aText) {
-    std::ofstream out(aPath, std::ios::binary | std::ios::trunc);
-    out << aText;
-    return static_cast<bool>(out);
+    return static_cast<bool>(std::ofstream(aPath, std::ios::binary) << aText);
 }
 
 inline std::string ReadFile(const std::string& aPath) {
     std::ifstream in(aPath, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 inline bool FileExists(const std::string& aPath) {
