@@ -46,53 +46,44 @@ TEST_F(ConfigTest, SyntaxRules) {
                "[L]\nLong = " +
                std::string(4993, 'x') + "\n#" + std::string(2046, 'c') + "Hidden = 7\n" +
                std::string(2047, ' ') + "[Next]\nAfter = 1\n"));
-    // "" when nothing is found. Lines are read in pieces of 2047 characters,
-    // each piece a line of its own; '[' and ']' anywhere make a header.
+    // Lines are read in pieces of 2047 characters, each piece a line of its
+    // own; '[' and ']' anywhere make a header. Per section, "key=value" as
+    // read, where an empty value means nothing is found.
     const struct {
         const char* section;
-        const char* key;
-        const char* value;
-    } kLookups[] = {
-        {"Trace", "Enable", "TRUE"},
-        {"Trace", "FlushPerLines", "10"},
-        {"Trace", "Spaced Key", "a  value"},
-        {"Trace", "Empty", ""},
-        {"Trace", "Missing", ""},
-        {"Nowhere", "Enable", ""},
-        {"", "Orphan", ""},
-        {"Trace", "Orphan", ""},
-        {"OTHER", "FlushPerLines", "7"},
-        {"Trace", "Late", ""},
-        {"Q", "Single", "TRUE"},
-        {"Q", "Double", "spaced"},
-        {"Q", "Opening", "'TRUE"},
-        {"Q", "Mixed", "'TRUE\""},
-        {"Q", "Lone", "\""},
-        {"Q", "Pair", ""},
-        {"Q", "Semi", "20"},
-        {"Q", "Two", "a;"},
-        {"H", "A", "1"},
-        {"H", "B", ""},
-        {"x", "B", "2"},
-        {"x", "C", ""},
-        {"J", "B", ""},
-        {"L", "Hidden", "7"},
-        {"Next", "After", "1"},
+        std::vector<std::string> keys;
+    } kSections[] = {
+        {"Trace",
+         {"Enable=TRUE", "FlushPerLines=10", "Spaced Key=a  value",
+          "Empty=", "Missing=", "Orphan=", "Late="}},
+        {"", {"Orphan="}},
+        {"Nowhere", {"Enable="}},
+        {"OTHER", {"FlushPerLines=7"}},
+        {"Q",
+         {"Single=TRUE", "Double=spaced", "Opening='TRUE", "Mixed='TRUE\"", "Lone=\"",
+          "Pair=", "Semi=20", "Two=a;"}},
+        {"H", {"A=1", "B="}},
+        {"x", {"B=2", "C="}},
+        {"J", {"B="}},
+        {"L", {"Hidden=7", "Long=" + std::string(2047 - 7, 'x')}},
+        {"Next", {"After=1"}},
     };
-    for (const auto& l : kLookups) {
-        std::vector<char> value(8192, 'z');
-        EXPECT_EQ(get_string_param(l.section, l.key, value.data(), value.size()),
-                  l.value[0] ? 1 : 0)
-            << l.section << "/" << l.key;
-        EXPECT_STREQ(value.data(), l.value) << l.section << "/" << l.key;
+    for (const auto& section : kSections) {
+        for (const std::string& entry : section.keys) {
+            const std::string key = entry.substr(0, entry.find('='));
+            const std::string expected = entry.substr(key.size() + 1);
+            std::vector<char> value(8192, 'z');
+            EXPECT_EQ(get_string_param(section.section, key.c_str(), value.data(), value.size()),
+                      expected.empty() ? 0 : 1)
+                << section.section << "/" << entry;
+            EXPECT_EQ(value.data(), expected) << section.section << "/" << entry;
+        }
     }
-    std::vector<char> value(8192, 'z');
-    get_string_param("L", "Long", value.data(), value.size());
-    EXPECT_EQ(value.data(), std::string(2047 - 7, 'x'));
     // A lone ';' is found, as an empty value.
     ASSERT_TRUE(Config("[S]\nLone = ;\n"));
-    EXPECT_EQ(get_string_param("S", "Lone", value.data(), value.size()), 1);
-    EXPECT_STREQ(value.data(), "");
+    char value[8] = "zz";
+    EXPECT_EQ(get_string_param("S", "Lone", value, sizeof(value)), 1);
+    EXPECT_STREQ(value, "");
 }
 
 TEST_F(ConfigTest, ValuesAreCutToTheCallersBuffer) {
