@@ -178,6 +178,7 @@ TEST_F(TraceSettingsTest, FlushPerLinesAndTheSizeLimitReachTheTraceFile) {
     writer.reset();
     EXPECT_EQ(Writer()->getfilename(), name);
     EXPECT_EQ(CRtTraceFileRegistry::Instance()->FindOrCreate(name.c_str()), file);
+    EXPECT_EQ(CRtTraceFileRegistry::Instance()->Find("/no/such/file"), nullptr);
 }
 
 }  // namespace
