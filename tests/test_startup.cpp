@@ -1,5 +1,5 @@
 // The library's start-up pieces: the sockets' start and end, the removal of old
-// trace files, and the load and unload traces of a child process.
+// trace files, and the trace file and load and unload traces of a child process.
 #include <gtest/gtest.h>
 
 #include <inttypes.h>
@@ -25,6 +25,11 @@ struct CRtThreadManagerTestAccess {
 
 namespace {
 
+#ifdef _WIN32
+const char kProcess[] = "test_startup.exe";  // cut at the last backslash only
+#else
+const char kProcess[] = "test_startup";
+#endif
 const char kAttach[] = "Info:kvtframework::DllMain, DLL_PROCESS_ATTACH\n";
 
 struct Library {
@@ -53,15 +58,8 @@ Library LibraryInfo() {
 // The local date aDays ago, as trace file names carry it.
 [[maybe_unused]] std::string DateDaysAgo(int aDays) {
     time_t then = ::time(nullptr) - static_cast<time_t>(aDays) * 24 * 3600;
-    struct tm local = {};
-#ifdef _WIN32
-    ::localtime_s(&local, &then);
-#else
-    ::localtime_r(&then, &local);
-#endif
-    char date[32];
-    ::snprintf(date, sizeof(date), "%04d%02d%02d", local.tm_year + 1900, local.tm_mon + 1,
-               local.tm_mday);
+    char date[16];
+    ::strftime(date, sizeof(date), "%Y%m%d", ::localtime(&then));
     return date;
 }
 
@@ -101,7 +99,7 @@ TEST(DeleteOutOfDateLog, RemovesOnlyTraceFilesDatedBeforeThirtyDaysAgo) {
     CRtThreadManagerTestAccess::DeleteOutOfDateLog(manager);  // no folder yet
     EXPECT_EQ(trace.Count("CRtThreadManager::DeleteOutOfDateLog this="), 1u);
 
-    ASSERT_EQ(::system(("mkdir -p '" + logs + "/old_Trace_19700101_1'").c_str()), 0);
+    ASSERT_TRUE(fs::create_directories(logs + "/old_Trace_19700101_1"));
     const std::string cutoff = DateDaysAgo(30);
     const struct {
         std::string name;
@@ -119,9 +117,7 @@ TEST(DeleteOutOfDateLog, RemovesOnlyTraceFilesDatedBeforeThirtyDaysAgo) {
         {"old_Trace_19700101_1", true},  // a folder: skipped
     };
     for (const auto& file : kFiles) {
-        if (!FileExists(logs + "/" + file.name)) {
-            ASSERT_TRUE(WriteFile(logs + "/" + file.name, "x")) << file.name;
-        }
+        ASSERT_TRUE(FileExists(logs + "/" + file.name) || WriteFile(logs + "/" + file.name, "x"));
     }
     int fds = OpenFdCount();
     CRtThreadManagerTestAccess::DeleteOutOfDateLog(manager);
@@ -135,10 +131,16 @@ TEST(DeleteOutOfDateLog, RemovesOnlyTraceFilesDatedBeforeThirtyDaysAgo) {
 #endif
 }
 
-// Run as a child: checks the load trace in its own trace file and names the
+// Run as a child: checks its trace file's name and load trace, and names the
 // file for the parent.
 TEST(StartupChild, DISABLED_CheckLoadTrace) {
-    ASSERT_TRUE(WriteFile(::getenv("KVT_CHILD_RESULT"), GetRtTraceFileName()));
+    const std::string name = GetRtTraceFileName();
+    ASSERT_TRUE(WriteFile(::getenv("KVT_CHILD_RESULT"), name));
+    EXPECT_NE(name.find(rtos::kPathSeparator + std::string(kProcess) + "_Trace_"),
+              std::string::npos)
+        << name;
+    EXPECT_EQ(name.substr(name.rfind('_')),
+              "_" + std::to_string(rtos::CurrentProcessId()) + ".txt");
     Library library = LibraryInfo();
     char expected[512];
     ::snprintf(expected, sizeof(expected),
