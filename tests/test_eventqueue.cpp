@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "task_thread_helpers.h"
 #include "trace_capture.h"
 #include "rtframework.h"
 
@@ -74,36 +75,14 @@ public:
     }
 };
 
-// An owner thread that drains a condition-variable queue until told to stop.
-class OwnerLoop {
-public:
-    explicit OwnerLoop(CRtEventQueueUsingConditionVariable& aQueue) : m_queue(aQueue) {
-        m_thread = std::thread([this] {
-            m_queue.Reset2CurrentThreadId();
-            m_ready = true;
-            CRtTimeValue tick(0L, 20000L);
-            while (!m_stop) {
-                CRtEventQueueBase::EventsType events;
-                if (RT_SUCCEEDED(m_queue.PopOrWaitPendingEvents(events, &tick, 0xFFFFFFFF))) {
-                    m_queue.ProcessEvents(events);
-                }
-            }
-        });
-        WaitUntil([this] { return m_ready.load(); });
-    }
-    ~OwnerLoop() { Join(); }
-    void Join() {
-        m_stop = true;
-        if (m_thread.joinable())
-            m_thread.join();
-    }
-
-private:
-    CRtEventQueueUsingConditionVariable& m_queue;
-    std::thread m_thread;
-    std::atomic<bool> m_ready{false};
-    std::atomic<bool> m_stop{false};
-};
+// A task thread: the owner of a condition-variable queue, stopped by Stop.
+CRtThread* NewOwner() {
+    CRtThread* thread = nullptr;
+    EXPECT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(thread,
+                                                                 CRtThreadManager::TF_JOINABLE, 0),
+              RT_OK);
+    return thread;
+}
 
 }  // namespace
 
@@ -237,25 +216,21 @@ TEST(ConditionVariableQueue, WaitsForAPostOrTheTimeOut) {
     EXPECT_EQ(ledger.TotalFired(), 1);
 }
 
-TEST(SendEvent, ReturnsTheResultOfTheRunOnTheOwnerThread) {
-    CRtEventQueueUsingConditionVariable queue;
+TEST(SendEvent, ARefusedWrapperLeavesNothingBehindForTheNextSends) {
     Ledger ledger(4);
     {
-        // A send whose wrapper is refused (the queue stops between the send's
-        // check and its post) must leave nothing behind for the sends that
-        // follow from this thread, which wait on the same kernel event.
+        // The queue stops between the send's check and its post; the sends
+        // that follow from this thread wait on the same kernel event.
         StopsOnPost stopping;
         EXPECT_EQ(stopping.SendEvent(new LedgerEvent(ledger, 3)), RT_ERROR_NOT_INITIALIZED);
     }
-    {
-        OwnerLoop owner(queue);
-        for (int i = 0; i < 3; ++i) {
-            ASSERT_EQ(queue.SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
-                      RT_ERROR_BASE + i);
-            // Released by the owner right after its run, maybe after this returns.
-            EXPECT_EQ(ledger.fired[i].load(), 1);
-        }
+    CRtThread* owner = NewOwner();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(owner->GetEventQueue()->SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
+                  RT_ERROR_BASE + i);
+        EXPECT_EQ(ledger.fired[i].load(), 1);
     }
+    StopJoinDestroy(owner);
     EXPECT_TRUE(ledger.EachReleasedOnce());
 }
 
@@ -286,36 +261,34 @@ TEST(SendEvent, StressWhileTheQueueStopsLosesAndDuplicatesNothing) {
     Ledger ledger(kThreads * kPerThread);
     std::atomic<int> sendsRun{0};
     std::atomic<int> sendsRefused{0};
-    {
-        CRtEventQueueUsingConditionVariable queue;
-        OwnerLoop owner(queue);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < kPerThread; ++i) {
-                    int id = t * kPerThread + i;
-                    if (t % 2 == 0) {
-                        queue.PostEvent(new LedgerEvent(ledger, id));
-                        continue;
-                    }
-                    int rv = queue.SendEvent(new LedgerEvent(ledger, id, RT_ERROR_FOUND));
-                    if (rv == RT_ERROR_FOUND) {
-                        sendsRun++;
-                    } else {
-                        EXPECT_TRUE(rv == RT_ERROR_NOT_INITIALIZED || rv == RT_ERROR_NOT_AVAILABLE)
-                            << rv;
-                        sendsRefused++;
-                    }
+    CRtThread* owner = NewOwner();
+    IRtEventQueue* queue = owner->GetEventQueue();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                int id = t * kPerThread + i;
+                if (t % 2 == 0) {
+                    queue->PostEvent(new LedgerEvent(ledger, id));
+                    continue;
                 }
-            });
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        queue.Stop();
-        for (auto& th : threads)
-            th.join();
-        owner.Join();
-        queue.DestoryPendingEvents();
+                int rv = queue->SendEvent(new LedgerEvent(ledger, id, RT_ERROR_FOUND));
+                if (rv == RT_ERROR_FOUND) {
+                    sendsRun++;
+                } else {
+                    EXPECT_TRUE(rv == RT_ERROR_NOT_INITIALIZED || rv == RT_ERROR_NOT_AVAILABLE)
+                        << rv;
+                    sendsRefused++;
+                }
+            }
+        });
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    owner->Stop(nullptr);  // stops the queue; the loop discards what is left
+    for (auto& th : threads)
+        th.join();
+    EXPECT_EQ(owner->Join(0xFFFFFFFF), RT_OK);
+    owner->Destory(0);
     EXPECT_TRUE(ledger.EachReleasedOnce());
     for (auto& f : ledger.fired)
         EXPECT_LE(f.load(), 1);
