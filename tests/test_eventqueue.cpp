@@ -75,15 +75,6 @@ public:
     }
 };
 
-// A task thread: the owner of a condition-variable queue, stopped by Stop.
-CRtThread* NewOwner() {
-    CRtThread* thread = nullptr;
-    EXPECT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(thread,
-                                                                 CRtThreadManager::TF_JOINABLE, 0),
-              RT_OK);
-    return thread;
-}
-
 }  // namespace
 
 TEST(EventQueue, PopsTheOldestEventsFirstUpToTheMaximumPerCall) {
@@ -224,7 +215,7 @@ TEST(SendEvent, ARefusedWrapperLeavesNothingBehindForTheNextSends) {
         StopsOnPost stopping;
         EXPECT_EQ(stopping.SendEvent(new LedgerEvent(ledger, 3)), RT_ERROR_NOT_INITIALIZED);
     }
-    CRtThread* owner = NewOwner();
+    CRtThread* owner = NewTaskThread();
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(owner->GetEventQueue()->SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
                   RT_ERROR_BASE + i);
@@ -261,7 +252,7 @@ TEST(SendEvent, StressWhileTheQueueStopsLosesAndDuplicatesNothing) {
     Ledger ledger(kThreads * kPerThread);
     std::atomic<int> sendsRun{0};
     std::atomic<int> sendsRefused{0};
-    CRtThread* owner = NewOwner();
+    CRtThread* owner = NewTaskThread();
     IRtEventQueue* queue = owner->GetEventQueue();
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {

@@ -29,14 +29,6 @@ struct Gate {
     }
 };
 
-CRtThread* NewTaskThread(bool aTimers = false) {
-    CRtThread* thread = nullptr;
-    EXPECT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(
-                  thread, CRtThreadManager::TF_JOINABLE, aTimers ? 1 : 0),
-              RT_OK);
-    return thread;
-}
-
 // Calls a function on every expiry.
 class FnTimer : public IRtTimerHandler {
 public:

@@ -130,10 +130,7 @@ TEST_F(TimerWrapperTest, BadArgumentsAreTracedAndLeaveTheWrapperScheduled) {
 }
 
 TEST_F(TimerWrapperTest, ThreadsWithoutATimerQueueCannotSchedule) {
-    CRtThread* eventsOnly = nullptr;
-    ASSERT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(eventsOnly,
-                                                                 CRtThreadManager::TF_JOINABLE, 0),
-              RT_OK);
+    CRtThread* eventsOnly = NewTaskThread();
     RecordingSink sink;
     auto scheduleFails = [&] {
         CRtTimerWrapper timer;
