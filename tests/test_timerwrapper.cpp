@@ -50,7 +50,8 @@ void QuietPeriod() {
 class TimerWrapperTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(m_thread), RT_OK);
+        m_thread = NewTaskThread(true);
+        ASSERT_TRUE(m_thread);
     }
     void TearDown() override { StopJoinDestroy(m_thread); }
 
