@@ -60,12 +60,6 @@ private:
     int m_sleepMs;
 };
 
-// Exposes the owner-side operations of the mutex queue to the tests.
-class TestQueue : public CRtEventQueueUsingMutex {
-public:
-    using CRtEventQueueBase::PopOnePendingEvent;
-};
-
 // Stops itself just before taking a post, so that the post is refused.
 class StopsOnPost : public CRtEventQueueUsingConditionVariable {
 public:
@@ -80,7 +74,7 @@ public:
 TEST(EventQueue, PopsTheOldestEventsFirstUpToTheMaximumPerCall) {
     TraceCapture trace;
     Ledger mutexLedger(12), condLedger(12), ledger(2);
-    TestQueue mutexQueue;
+    CRtEventQueueUsingMutex mutexQueue;
     CRtEventQueueUsingConditionVariable condQueue;
     for (int i = 0; i < 12; ++i) {
         mutexQueue.PostEvent(new LedgerEvent(mutexLedger, i));
@@ -123,7 +117,7 @@ TEST(EventQueue, PopsTheOldestEventsFirstUpToTheMaximumPerCall) {
 TEST(EventQueue, RefusesNullEventsAndReleasesEventsPostedAfterStop) {
     TraceCapture trace;
     Ledger ledger(3);
-    TestQueue queue;
+    CRtEventQueueUsingMutex queue;
     queue.Reset2CurrentThreadId();
     EXPECT_EQ(queue.PostEvent(nullptr), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(queue.SendEvent(nullptr), RT_ERROR_INVALID_ARG);
@@ -149,7 +143,7 @@ TEST(EventQueue, PendingEventsAreReleasedUnrunByDestroyAndByTheDestructor) {
     TraceCapture trace;
     Ledger ledger(5);
     {
-        TestQueue queue;
+        CRtEventQueueUsingMutex queue;
         for (int i = 0; i < 3; ++i)
             queue.PostEvent(new LedgerEvent(ledger, i));
         queue.DestoryPendingEvents();
@@ -165,7 +159,7 @@ TEST(EventQueue, PendingEventsAreReleasedUnrunByDestroyAndByTheDestructor) {
 TEST(EventQueue, ReportsSlowEventsAndLongQueues) {
     TraceCapture trace;
     Ledger ledger(103);
-    TestQueue queue;
+    CRtEventQueueUsingMutex queue;
     queue.ProcessOneEvent(new LedgerEvent(ledger, 0, RT_OK, 150));
     queue.ProcessOneEvent(new LedgerEvent(ledger, 1));
     EXPECT_EQ(trace.Count("CRtEventQueueBase::ProcessOneEvent, report, sec=0 usec="), 1u);
