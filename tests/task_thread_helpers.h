@@ -33,6 +33,15 @@ inline void RunOn(CRtThread* aThread, std::function<void()> aFn) {
     aThread->GetEventQueue()->SendEvent(new FnEvent([aFn] { return aFn(), RT_OK; }));
 }
 
+// A join-able task thread, with a timer queue if aTimers.
+inline CRtThread* NewTaskThread(bool aTimers = false) {
+    CRtThread* thread = nullptr;
+    EXPECT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(
+                  thread, CRtThreadManager::TF_JOINABLE, aTimers ? 1 : 0),
+              RT_OK);
+    return thread;
+}
+
 inline CRtTimeValue Ms(long aMs) {
     return CRtTimeValue(aMs / 1000, (aMs % 1000) * 1000);
 }

@@ -1,5 +1,6 @@
 // Event queues: posting, popping in batches, sending across threads, stopping
-// and tearing down, with every event released exactly once.
+// and tearing down, with every event released exactly once. Order and send
+// round trips under load are in stress_events.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "task_thread_helpers.h"
 #include "trace_capture.h"
 #include "rtframework.h"
 
@@ -18,7 +20,6 @@ struct Ledger {
     std::vector<std::atomic<int>> fired;
     std::vector<std::atomic<int>> released;
     std::vector<int> order;  // ids in the order they ran (owner thread only)
-    std::atomic<unsigned long> firedOn{0};
 
     int TotalFired() const {
         int n = 0;
@@ -42,7 +43,6 @@ public:
     int OnEventFire() override {
         m_ledger.fired[m_id]++;
         m_ledger.order.push_back(m_id);
-        m_ledger.firedOn = CRtThreadManager::GetThreadSelfId();
         if (m_sleepMs) {
             CRtThreadManager::SleepMs(m_sleepMs);
         }
@@ -60,12 +60,6 @@ private:
     int m_sleepMs;
 };
 
-// Exposes the owner-side operations of the mutex queue to the tests.
-class TestQueue : public CRtEventQueueUsingMutex {
-public:
-    using CRtEventQueueBase::PopOnePendingEvent;
-};
-
 // Stops itself just before taking a post, so that the post is refused.
 class StopsOnPost : public CRtEventQueueUsingConditionVariable {
 public:
@@ -75,87 +69,47 @@ public:
     }
 };
 
-// An owner thread that drains a condition-variable queue until told to stop.
-class OwnerLoop {
-public:
-    explicit OwnerLoop(CRtEventQueueUsingConditionVariable& aQueue) : m_queue(aQueue) {
-        m_thread = std::thread([this] {
-            m_queue.Reset2CurrentThreadId();
-            m_ready = true;
-            CRtTimeValue tick(0L, 20000L);
-            while (!m_stop) {
-                CRtEventQueueBase::EventsType events;
-                if (RT_SUCCEEDED(m_queue.PopOrWaitPendingEvents(events, &tick, 0xFFFFFFFF))) {
-                    m_queue.ProcessEvents(events);
-                }
-            }
-        });
-        WaitUntil([this] { return m_ready.load(); });
-    }
-    ~OwnerLoop() { Join(); }
-    void Join() {
-        m_stop = true;
-        if (m_thread.joinable())
-            m_thread.join();
-    }
-
-private:
-    CRtEventQueueUsingConditionVariable& m_queue;
-    std::thread m_thread;
-    std::atomic<bool> m_ready{false};
-    std::atomic<bool> m_stop{false};
-};
-
 }  // namespace
 
-TEST(EventQueue, PopsTheOldestEventsFirstUpToTheMaximum) {
-    Ledger ledger(3);
-    TestQueue queue;
-    queue.Reset2CurrentThreadId();
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(queue.PostEvent(new LedgerEvent(ledger, i)), RT_OK);
+TEST(EventQueue, PopsTheOldestEventsFirstUpToTheMaximumPerCall) {
+    TraceCapture trace;
+    Ledger mutexLedger(12), condLedger(12), ledger(2);
+    CRtEventQueueUsingMutex mutexQueue;
+    CRtEventQueueUsingConditionVariable condQueue;
+    for (int i = 0; i < 12; ++i) {
+        mutexQueue.PostEvent(new LedgerEvent(mutexLedger, i));
+        condQueue.PostEvent(new LedgerEvent(condLedger, i));
     }
-    EXPECT_EQ(queue.GetPendingEventsCount(), 3u);
+    std::vector<unsigned long> seen;  // per pass: both batch sizes, then what remained
+    for (int pass = 0; pass < 3; ++pass) {
+        CRtEventQueueBase::EventsType batch, condBatch;
+        unsigned long remain = 99;
+        EXPECT_EQ(mutexQueue.PopPendingEventsWithoutWait(batch, 5, &remain), RT_OK);
+        EXPECT_EQ(condQueue.PopOrWaitPendingEvents(condBatch, nullptr, 5), RT_OK);
+        seen.insert(seen.end(), {batch.size(), condBatch.size(), remain});
+        mutexQueue.ProcessEvents(batch);
+        condQueue.ProcessEvents(condBatch);
+    }
+    EXPECT_EQ(seen, (std::vector<unsigned long>{5, 5, 7, 5, 5, 2, 2, 2, 0}));
+    const std::vector<int> kInOrder = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+    EXPECT_EQ(mutexLedger.order, kInOrder);
+    EXPECT_EQ(condLedger.order, kInOrder);
 
     CRtEventQueueBase::EventsType batch;
     unsigned long remain = 99;
-    ASSERT_EQ(queue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_OK);
-    EXPECT_EQ(batch.size(), 2u);
-    EXPECT_EQ(remain, 1u);
-    queue.ProcessEvents(batch);
-    batch.clear();
-
-    ASSERT_EQ(queue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_OK);
-    EXPECT_EQ(batch.size(), 1u);
-    EXPECT_EQ(remain, 0u);
-    queue.ProcessEvents(batch);
-    batch.clear();
-
-    remain = 99;
-    EXPECT_EQ(queue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_ERROR_NOT_FOUND);
+    EXPECT_EQ(mutexQueue.PopPendingEventsWithoutWait(batch, 2, &remain), RT_ERROR_NOT_FOUND);
     EXPECT_EQ(remain, 99u);
-    EXPECT_EQ(ledger.order, (std::vector<int>{0, 1, 2}));
-    EXPECT_TRUE(ledger.EachReleasedOnce());
-}
 
-TEST(EventQueue, PopOneAndPopZeroKeepTheQueueConsistent) {
-    TraceCapture trace;
-    Ledger ledger(2);
-    TestQueue queue;
-    queue.PostEvent(new LedgerEvent(ledger, 0));
-    queue.PostEvent(new LedgerEvent(ledger, 1));
-
-    CRtEventQueueBase::EventsType batch;
-    EXPECT_EQ(queue.PopPendingEventsWithoutWait(batch, 0), RT_OK);
+    // A maximum of 0 asserts and takes nothing; the one-event pop says what is left.
+    mutexQueue.PostEvent(new LedgerEvent(ledger, 0));
+    mutexQueue.PostEvent(new LedgerEvent(ledger, 1));
+    EXPECT_EQ(mutexQueue.PopPendingEventsWithoutWait(batch, 0), RT_OK);
     EXPECT_TRUE(batch.empty());
     EXPECT_EQ(trace.Count("Assert failed: aMaxCount > 0"), 1u);
-    EXPECT_EQ(queue.GetPendingEventsCount(), 2u);
-
     IRtEvent* one = nullptr;
-    unsigned long remain = 0;
-    ASSERT_EQ(queue.PopOnePendingEventWithoutWait(one, &remain), RT_OK);
+    ASSERT_EQ(mutexQueue.PopOnePendingEventWithoutWait(one, &remain), RT_OK);
     EXPECT_EQ(remain, 1u);
-    queue.ProcessOneEvent(one);
+    mutexQueue.ProcessOneEvent(one);
     EXPECT_EQ(ledger.order, std::vector<int>{0});
     // The other one is released unrun with the queue.
 }
@@ -163,7 +117,7 @@ TEST(EventQueue, PopOneAndPopZeroKeepTheQueueConsistent) {
 TEST(EventQueue, RefusesNullEventsAndReleasesEventsPostedAfterStop) {
     TraceCapture trace;
     Ledger ledger(3);
-    TestQueue queue;
+    CRtEventQueueUsingMutex queue;
     queue.Reset2CurrentThreadId();
     EXPECT_EQ(queue.PostEvent(nullptr), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(queue.SendEvent(nullptr), RT_ERROR_INVALID_ARG);
@@ -189,7 +143,7 @@ TEST(EventQueue, PendingEventsAreReleasedUnrunByDestroyAndByTheDestructor) {
     TraceCapture trace;
     Ledger ledger(5);
     {
-        TestQueue queue;
+        CRtEventQueueUsingMutex queue;
         for (int i = 0; i < 3; ++i)
             queue.PostEvent(new LedgerEvent(ledger, i));
         queue.DestoryPendingEvents();
@@ -202,21 +156,10 @@ TEST(EventQueue, PendingEventsAreReleasedUnrunByDestroyAndByTheDestructor) {
     EXPECT_TRUE(ledger.EachReleasedOnce());
 }
 
-TEST(EventQueue, SendFromTheOwnerThreadRunsAtOnce) {
-    Ledger ledger(1);
-    TestQueue queue;
-    queue.Reset2CurrentThreadId();
-    EXPECT_EQ(queue.SendEvent(new LedgerEvent(ledger, 0, RT_ERROR_PARTIAL_DATA)),
-              RT_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(ledger.TotalFired(), 1);
-    EXPECT_TRUE(ledger.EachReleasedOnce());
-    EXPECT_EQ(queue.GetPendingEventsCount(), 0u);
-}
-
 TEST(EventQueue, ReportsSlowEventsAndLongQueues) {
     TraceCapture trace;
     Ledger ledger(103);
-    TestQueue queue;
+    CRtEventQueueUsingMutex queue;
     queue.ProcessOneEvent(new LedgerEvent(ledger, 0, RT_OK, 150));
     queue.ProcessOneEvent(new LedgerEvent(ledger, 1));
     EXPECT_EQ(trace.Count("CRtEventQueueBase::ProcessOneEvent, report, sec=0 usec="), 1u);
@@ -258,69 +201,39 @@ TEST(ConditionVariableQueue, WaitsForAPostOrTheTimeOut) {
     EXPECT_EQ(ledger.TotalFired(), 1);
 }
 
-TEST(ConditionVariableQueue, HandsOutAtMostTheMaximumPerCall) {
-    Ledger ledger(12);
-    CRtEventQueueUsingConditionVariable queue;
-    for (int i = 0; i < 12; ++i)
-        queue.PostEvent(new LedgerEvent(ledger, i));
-    std::vector<size_t> sizes;
-    for (int pass = 0; pass < 3; ++pass) {
-        CRtEventQueueBase::EventsType batch;
-        ASSERT_EQ(queue.PopOrWaitPendingEvents(batch, nullptr, 5), RT_OK);
-        sizes.push_back(batch.size());
-        queue.ProcessEvents(batch);
-    }
-    EXPECT_EQ(sizes, (std::vector<size_t>{5, 5, 2}));
-    EXPECT_EQ(ledger.order.size(), 12u);
-    for (int i = 0; i < 12; ++i)
-        EXPECT_EQ(ledger.order[i], i);
-    queue.Stop();
-    EXPECT_EQ(queue.PostEvent(new LedgerEvent(ledger, 0)), RT_ERROR_NOT_INITIALIZED);
-}
-
-TEST(SendEvent, ReturnsTheResultOfTheRunOnTheOwnerThread) {
-    CRtEventQueueUsingConditionVariable queue;
-    Ledger ledger(21);
+TEST(SendEvent, ARefusedWrapperLeavesNothingBehindForTheNextSends) {
+    Ledger ledger(4);
     {
-        // A send whose wrapper is refused (the queue stops between the send's
-        // check and its post) must leave nothing behind for the sends that
-        // follow from this thread, which wait on the same kernel event.
+        // The queue stops between the send's check and its post; the sends
+        // that follow from this thread wait on the same kernel event.
         StopsOnPost stopping;
-        EXPECT_EQ(stopping.SendEvent(new LedgerEvent(ledger, 20)), RT_ERROR_NOT_INITIALIZED);
+        EXPECT_EQ(stopping.SendEvent(new LedgerEvent(ledger, 3)), RT_ERROR_NOT_INITIALIZED);
     }
-    {
-        OwnerLoop owner(queue);
-        unsigned long me = CRtThreadManager::GetThreadSelfId();
-        for (int i = 0; i < 20; ++i) {
-            ASSERT_EQ(queue.SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
-                      RT_ERROR_BASE + i);
-            // Released by the owner right after its run, maybe after this returns.
-            EXPECT_EQ(ledger.fired[i].load(), 1);
-        }
-        EXPECT_NE(ledger.firedOn.load(), me);
+    CRtThread* owner = NewTaskThread();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(owner->GetEventQueue()->SendEvent(new LedgerEvent(ledger, i, RT_ERROR_BASE + i)),
+                  RT_ERROR_BASE + i);
+        EXPECT_EQ(ledger.fired[i].load(), 1);
     }
+    StopJoinDestroy(owner);
     EXPECT_TRUE(ledger.EachReleasedOnce());
 }
 
+// Through DestoryPendingEvents and through the destructor.
 TEST(SendEvent, ASenderIsWokenWhenItsEventIsDiscarded) {
     Ledger ledger(2);
-    auto* queue = new CRtEventQueueUsingConditionVariable();
-    queue->Reset2CurrentThreadId();  // this thread owns it and never runs it
-
-    std::atomic<int> first{-1};
-    std::thread sender([&] { first = queue->SendEvent(new LedgerEvent(ledger, 0)); });
-    ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 1; }));
-    queue->DestoryPendingEvents();
-    sender.join();
-    EXPECT_EQ(first.load(), RT_ERROR_NOT_AVAILABLE);
-
-    // The same through the destructor.
-    std::atomic<int> second{-1};
-    std::thread sender2([&] { second = queue->SendEvent(new LedgerEvent(ledger, 1)); });
-    ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 1; }));
-    delete queue;
-    sender2.join();
-    EXPECT_EQ(second.load(), RT_ERROR_NOT_AVAILABLE);
+    for (int id : {0, 1}) {
+        auto* queue = new CRtEventQueueUsingConditionVariable();
+        queue->Reset2CurrentThreadId();  // this thread owns it and never runs it
+        std::atomic<int> result{-1};
+        std::thread sender([&] { result = queue->SendEvent(new LedgerEvent(ledger, id)); });
+        ASSERT_TRUE(WaitUntil([&] { return queue->GetPendingEventsCount() == 1; }));
+        if (id == 0)
+            queue->DestoryPendingEvents();
+        delete queue;
+        sender.join();
+        EXPECT_EQ(result.load(), RT_ERROR_NOT_AVAILABLE);
+    }
     EXPECT_EQ(ledger.TotalFired(), 0);
     EXPECT_TRUE(ledger.EachReleasedOnce());
 }
@@ -333,36 +246,34 @@ TEST(SendEvent, StressWhileTheQueueStopsLosesAndDuplicatesNothing) {
     Ledger ledger(kThreads * kPerThread);
     std::atomic<int> sendsRun{0};
     std::atomic<int> sendsRefused{0};
-    {
-        CRtEventQueueUsingConditionVariable queue;
-        OwnerLoop owner(queue);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < kPerThread; ++i) {
-                    int id = t * kPerThread + i;
-                    if (t % 2 == 0) {
-                        queue.PostEvent(new LedgerEvent(ledger, id));
-                        continue;
-                    }
-                    int rv = queue.SendEvent(new LedgerEvent(ledger, id, RT_ERROR_FOUND));
-                    if (rv == RT_ERROR_FOUND) {
-                        sendsRun++;
-                    } else {
-                        EXPECT_TRUE(rv == RT_ERROR_NOT_INITIALIZED || rv == RT_ERROR_NOT_AVAILABLE)
-                            << rv;
-                        sendsRefused++;
-                    }
+    CRtThread* owner = NewTaskThread();
+    IRtEventQueue* queue = owner->GetEventQueue();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                int id = t * kPerThread + i;
+                if (t % 2 == 0) {
+                    queue->PostEvent(new LedgerEvent(ledger, id));
+                    continue;
                 }
-            });
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        queue.Stop();
-        for (auto& th : threads)
-            th.join();
-        owner.Join();
-        queue.DestoryPendingEvents();
+                int rv = queue->SendEvent(new LedgerEvent(ledger, id, RT_ERROR_FOUND));
+                if (rv == RT_ERROR_FOUND) {
+                    sendsRun++;
+                } else {
+                    EXPECT_TRUE(rv == RT_ERROR_NOT_INITIALIZED || rv == RT_ERROR_NOT_AVAILABLE)
+                        << rv;
+                    sendsRefused++;
+                }
+            }
+        });
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    owner->Stop(nullptr);  // stops the queue; the loop discards what is left
+    for (auto& th : threads)
+        th.join();
+    EXPECT_EQ(owner->Join(0xFFFFFFFF), RT_OK);
+    owner->Destory(0);
     EXPECT_TRUE(ledger.EachReleasedOnce());
     for (auto& f : ledger.fired)
         EXPECT_LE(f.load(), 1);

@@ -50,7 +50,8 @@ void QuietPeriod() {
 class TimerWrapperTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(m_thread), RT_OK);
+        m_thread = NewTaskThread(true);
+        ASSERT_TRUE(m_thread);
     }
     void TearDown() override { StopJoinDestroy(m_thread); }
 
@@ -130,10 +131,7 @@ TEST_F(TimerWrapperTest, BadArgumentsAreTracedAndLeaveTheWrapperScheduled) {
 }
 
 TEST_F(TimerWrapperTest, ThreadsWithoutATimerQueueCannotSchedule) {
-    CRtThread* eventsOnly = nullptr;
-    ASSERT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(eventsOnly,
-                                                                 CRtThreadManager::TF_JOINABLE, 0),
-              RT_OK);
+    CRtThread* eventsOnly = NewTaskThread();
     RecordingSink sink;
     auto scheduleFails = [&] {
         CRtTimerWrapper timer;

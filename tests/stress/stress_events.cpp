@@ -53,70 +53,47 @@ std::string OwnerParamName(const ::testing::TestParamInfo<Owner>& aInfo) {
 
 }  // namespace
 
-TEST_P(EventStress, EverySendersPostsArriveOnceAndInOrder) {
-    const int kSenders = 8;
-    const long kPerSender = StressCount(100000);
+// Posts and sends from many senders: each event runs once, in its sender's
+// order; a send returns its own event's result.
+TEST_P(EventStress, EverySendersEventsArriveOnceAndInOrder) {
     OwnerThread owner(GetParam());
     ASSERT_TRUE(owner.Get());
-    Arrivals arrivals(kSenders);
-    std::atomic<long> released{0};
-    std::atomic<long> refused{0};
-
-    auto start = Clock::now();
-    std::vector<std::thread> senders;
-    for (int s = 0; s < kSenders; ++s) {
-        senders.emplace_back([&, s] {
-            for (long i = 0; i < kPerSender; ++i) {
-                if (owner.Queue()->PostEvent(new TaggedEvent(&arrivals, s, i, &released)) !=
-                    RT_OK) {
-                    refused++;
+    for (bool send : {false, true}) {
+        SCOPED_TRACE(send ? "sends" : "posts");
+        const int kSenders = send ? 4 : 8;
+        const long kPerSender = StressCount(send ? 10000 : 100000);
+        Arrivals arrivals(kSenders);
+        std::atomic<long> released{0}, failed{0};
+        auto start = Clock::now();
+        std::vector<std::thread> senders;
+        for (int s = 0; s < kSenders; ++s) {
+            senders.emplace_back([&, s] {
+                for (long i = 0; i < kPerSender; ++i) {
+                    auto* event = new TaggedEvent(&arrivals, s, i, &released);
+                    failed += send ? owner.Queue()->SendEvent(event) != static_cast<int>(i % 1000)
+                                   : owner.Queue()->PostEvent(event) != RT_OK;
                 }
-            }
-        });
+            });
+        }
+        for (std::thread& t : senders) {
+            t.join();
+        }
+        // A send queues behind every post, so when it returns all of them ran.
+        EXPECT_EQ(owner.Queue()->SendEvent(new FnEvent([] { return RT_OK; })), RT_OK);
+        if (!send) {
+            double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+            Figure("events_per_second", kSenders * kPerSender / seconds);
+        }
+        EXPECT_EQ(failed.load(), 0);
+        EXPECT_EQ(arrivals.outOfOrder, 0);
+        for (int s = 0; s < kSenders; ++s) {
+            EXPECT_EQ(arrivals.next[s], kPerSender) << "sender " << s;
+        }
+        // The owner releases a sent event after waking its sender, so the last
+        // releases may still be on their way.
+        EXPECT_TRUE(WaitUntil([&] { return released.load() == kSenders * kPerSender; }))
+            << released.load();
     }
-    for (std::thread& t : senders) {
-        t.join();
-    }
-    // A send queues behind every post, so when it returns all of them ran.
-    EXPECT_EQ(owner.Queue()->SendEvent(new FnEvent([] { return RT_OK; })), RT_OK);
-    double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    Figure("events_per_second", kSenders * kPerSender / seconds);
-
-    EXPECT_EQ(refused.load(), 0);
-    EXPECT_EQ(arrivals.outOfOrder, 0);
-    for (int s = 0; s < kSenders; ++s) {
-        EXPECT_EQ(arrivals.next[s], kPerSender) << "sender " << s;
-    }
-    EXPECT_EQ(released.load(), kSenders * kPerSender);
-}
-
-TEST_P(EventStress, SendRoundTripsReturnTheirOwnResults) {
-    const int kSenders = 4;
-    const long kPerSender = StressCount(10000);
-    OwnerThread owner(GetParam());
-    ASSERT_TRUE(owner.Get());
-    Arrivals arrivals(kSenders);
-    std::atomic<long> released{0};
-    std::atomic<long> wrong{0};
-
-    std::vector<std::thread> senders;
-    for (int s = 0; s < kSenders; ++s) {
-        senders.emplace_back([&, s] {
-            for (long i = 0; i < kPerSender; ++i) {
-                int rv = owner.Queue()->SendEvent(new TaggedEvent(&arrivals, s, i, &released));
-                wrong += rv != static_cast<int>(i % 1000);
-            }
-        });
-    }
-    for (std::thread& t : senders) {
-        t.join();
-    }
-    EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(arrivals.outOfOrder, 0);
-    // The owner releases a sent event after waking its sender, so the last
-    // releases may still be on their way.
-    EXPECT_TRUE(WaitUntil([&] { return released.load() == kSenders * kPerSender; }))
-        << released.load();
 }
 
 // Each round: the owner is held in an event while senders block on it and the

@@ -57,35 +57,22 @@ public:
         if (aTimer.fired == aTimer.count) {
             End(aTimer);
         }
-        switch (m_rng() % 8) {
-            case 0: {  // itself: a repeating one stops, a finished one is gone already
-                int rv = m_queue->CancelTimer(&aTimer);
-                wrongResults += rv != (aTimer.live ? RT_OK : RT_ERROR_NOT_FOUND);
-                if (aTimer.live) {
-                    ++cancels;
-                    End(aTimer);
-                }
-                break;
+        unsigned action = m_rng() % 8;
+        if (action < 2) {
+            // Itself (a repeating one stops, a finished one is gone already) or
+            // another, live or ended.
+            ChurnTimer& target = action == 0 ? aTimer : Pick();
+            int rv = m_queue->CancelTimer(&target);
+            wrongResults += rv != (target.live ? RT_OK : RT_ERROR_NOT_FOUND);
+            if (target.live) {
+                ++cancels;
+                End(target);
             }
-            case 1: {
-                ChurnTimer& other = Pick();
-                int rv = m_queue->CancelTimer(&other);
-                wrongResults += rv != (other.live ? RT_OK : RT_ERROR_NOT_FOUND);
-                if (other.live) {
-                    ++cancels;
-                    End(other);
-                }
-                break;
-            }
-            case 2:  // another, live or ended: it starts over
-                ++reschedules;
-                Schedule(Pick());
-                break;
-            case 3:
-                ScheduleNew();
-                break;
-            default:
-                break;
+        } else if (action == 2) {  // another, live or ended: it starts over
+            ++reschedules;
+            Schedule(Pick());
+        } else if (action == 3) {
+            ScheduleNew();
         }
     }
 
