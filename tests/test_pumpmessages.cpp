@@ -71,9 +71,12 @@ rtos::WindowHandle NewWindow(Recorder* aRec) {
     return wnd;
 }
 
-// errno after a call that failed, 0 after one that succeeded.
+// errno after a call that failed, 0 after one that succeeded; clears errno so
+// that a later call that fails without setting it shows.
 int ErrorOf(bool aOk) {
-    return aOk ? 0 : errno;
+    const int err = aOk ? 0 : errno;
+    errno = 0;
+    return err;
 }
 
 bool Readable(int aFd, int aTimeoutMs) {
@@ -131,7 +134,6 @@ TEST(PumpWindows, ClassesWindowsAndSlotsRefuseWhatTheyCannotDoWithTheirErrors) {
     std::thread([&] { seenElsewhere = rtos::WindowGetLong(wnd, 0); }).join();
     EXPECT_EQ(seenElsewhere, value + 8);
 
-    // Neighbouring failures leave different errors, so each row's errno is its own.
     const struct {
         const char* what;
         int error;
