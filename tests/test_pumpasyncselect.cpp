@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr const char* kClass = "PumpSelectTestWindow";
 constexpr uint32_t kSockMsg = rtos::kWmUser + 33;
 constexpr long kAll =
     rtos::kFdRead | rtos::kFdWrite | rtos::kFdAccept | rtos::kFdConnect | rtos::kFdClose;
@@ -31,16 +30,17 @@ struct SockEvent {
     int error;
 };
 
-// How many of each event: connect, accept, read, write, close.
-using Counts = std::array<int, 5>;
+// How many of each event, by bit: read, write, oob, accept, connect, close.
+using Counts = std::array<int, 6>;
+enum { kRead, kWrite, kOob, kAccept, kConnect, kClose };
 
 // A window on the calling thread that records the socket messages it gets.
 class SocketWindow {
 public:
     SocketWindow() {
-        static const bool s_registered = rtos::WindowClassRegister(kClass, &Proc, 8);
+        static const bool s_registered = rtos::WindowClassRegister("PumpSelectTest", &Proc, 8);
         EXPECT_TRUE(s_registered);
-        m_wnd = rtos::WindowCreate(kClass);
+        m_wnd = rtos::WindowCreate("PumpSelectTest");
         rtos::WindowSetLong(m_wnd, 0, reinterpret_cast<intptr_t>(this));
     }
     ~SocketWindow() { rtos::WindowDestroy(m_wnd); }
@@ -51,17 +51,15 @@ public:
     // Dispatches this thread's messages until aDone() holds or aMs pass.
     bool PumpUntil(const std::function<bool()>& aDone, int aMs = 10000) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(aMs);
-        for (;;) {
-            rtos::Message msg;
+        rtos::Message msg;
+        while (!aDone() && std::chrono::steady_clock::now() < end) {
+            pollfd p{rtos::MessageQueueFd(), POLLIN, 0};
+            ::poll(&p, 1, 20);
             while (rtos::MessagePeek(&msg)) {
                 rtos::MessageDispatch(&msg);
             }
-            if (aDone() || std::chrono::steady_clock::now() >= end) {
-                return aDone();
-            }
-            pollfd p{rtos::MessageQueueFd(), POLLIN, 0};
-            ::poll(&p, 1, 20);
         }
+        return aDone();
     }
     // Pumps for a while, to see that nothing more comes.
     void PumpFor(int aMs) {
@@ -70,11 +68,7 @@ public:
     Counts Tally() const {
         Counts n{};
         for (const SockEvent& e : events) {
-            const long kinds[] = {rtos::kFdConnect, rtos::kFdAccept, rtos::kFdRead, rtos::kFdWrite,
-                                  rtos::kFdClose};
-            for (size_t i = 0; i < n.size(); ++i) {
-                n[i] += e.event == kinds[i];
-            }
+            ++n.at(static_cast<size_t>(__builtin_ctzl(static_cast<unsigned long>(e.event))));
         }
         return n;
     }
@@ -98,16 +92,16 @@ private:
     rtos::WindowHandle m_wnd = nullptr;
 };
 
+int NewTcp(int aFlags = 0) {
+    return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | aFlags, 0);
+}
+
 // Returns the socket; a non-blocking connect may still be under way.
 int ConnectTo(int aFd, uint16_t aPort) {
     sockaddr_in a = Loopback(aPort);
     const int rc = ::connect(aFd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
     EXPECT_TRUE(rc == 0 || errno == EINPROGRESS || errno == ECONNREFUSED) << errno;
     return aFd;
-}
-
-int NewTcp(int aFlags = 0) {
-    return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | aFlags, 0);
 }
 
 struct Pair {
@@ -155,8 +149,8 @@ std::function<void(const SockEvent&)> ReadEach(size_t aBytes) {
     };
 }
 
-// One loopback scene: Start() makes the sockets, selects one of them and starts
-// the traffic; the window then pumps until it has seen exactly `want`.
+// One loopback scene: a row's start makes the sockets, selects one of them and
+// starts the traffic; the window then pumps until it has seen exactly `want`.
 struct Scene {
     SocketWindow w;
     int selected = -1;
@@ -173,21 +167,23 @@ struct Scene {
         selected = aFd;
         return w.Select(aFd, aEvents);
     }
-    Pair Connected() {
-        Pair p = ::Connected();
+    Pair KeepPair() {
+        Pair p = Connected();
         Keep(p.client);
         Keep(p.server);
         return p;
     }
+    void AcceptEach(int aListener) {
+        w.onEvent = [this, aListener](const SockEvent& e) {
+            if (e.event == rtos::kFdAccept) {
+                Keep(::accept4(aListener, nullptr, nullptr, SOCK_CLOEXEC));
+            }
+        };
+    }
 };
 
-struct Rule {
-    const char* name;
-    Counts want;
-    std::function<void(Scene&)> start;
-};
-
-// A refused connect fails at once or through the pump.
+// A refused connect, selected before or after it failed; on loopback the
+// refusal may also come at once, and then there is nothing to report.
 void FailConnect(Scene& s, bool aSelectFirst) {
     const int listener = Listener();
     const uint16_t closedPort = PortOf(listener);
@@ -198,7 +194,7 @@ void FailConnect(Scene& s, bool aSelectFirst) {
     }
     ConnectTo(fd, closedPort);
     if (errno == ECONNREFUSED) {
-        s.want = Counts{};  // refused at once: the caller knows, nothing to report
+        s.want = Counts{};
     }
     if (!aSelectFirst) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -211,11 +207,15 @@ void FailConnect(Scene& s, bool aSelectFirst) {
 }  // namespace
 
 TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
-    const Rule rules[] = {
+    const struct {
+        const char* name;
+        Counts want;  // read, write, oob, accept, connect, close
+        std::function<void(Scene&)> start;
+    } rules[] = {
         {"read while data waits, one message at a time",
-         {0, 0, 9, 1, 0},
+         {9, 1, 0, 0, 0, 0},
          [](Scene& s) {
-             Pair p = s.Connected();
+             Pair p = s.KeepPair();
              ASSERT_EQ(s.Select(p.client), 0);
              for (int i = 0; i < 3; ++i) {  // three sends while nobody pumps
                  ASSERT_EQ(::send(p.server, "abc", 3, 0), 3);
@@ -223,22 +223,8 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              }
              s.w.onEvent = ReadEach(1);
          }},
-        {"accept while connections wait",
-         {0, 3, 0, 0, 0},
-         [](Scene& s) {
-             const int listener = s.Keep(Listener());
-             ASSERT_EQ(s.Select(listener), 0);
-             for (int i = 0; i < 3; ++i) {
-                 s.Keep(ConnectTo(NewTcp(), PortOf(listener)));
-             }
-             s.w.onEvent = [&s, listener](const SockEvent& e) {
-                 if (e.event == rtos::kFdAccept) {
-                     s.Keep(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-                 }
-             };
-         }},
-        {"accept on a socket selected before it listened",
-         {0, 1, 0, 0, 0},
+        {"accept while connections wait, on a socket selected before it listened",
+         {0, 0, 0, 3, 0, 0},
          [](Scene& s) {
              const int fd = s.Keep(NewTcp());
              sockaddr_in a = Loopback(0);
@@ -246,15 +232,13 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              ASSERT_EQ(s.Select(fd), 0);
              s.w.PumpFor(50);  // an unconnected socket has nothing to say
              ASSERT_EQ(::listen(fd, 4), 0);
-             s.Keep(ConnectTo(NewTcp(), PortOf(fd)));
-             s.w.onEvent = [&s, fd](const SockEvent& e) {
-                 if (e.event == rtos::kFdAccept) {
-                     s.Keep(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC));
-                 }
-             };
+             for (int i = 0; i < 3; ++i) {
+                 s.Keep(ConnectTo(NewTcp(), PortOf(fd)));
+             }
+             s.AcceptEach(fd);
          }},
         {"connect once, then the first write",
-         {1, 0, 0, 1, 0},
+         {0, 1, 0, 0, 1, 0},
          [](Scene& s) {
              const int listener = s.Keep(Listener());
              const int fd = s.Keep(NewTcp());
@@ -263,15 +247,15 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              ConnectTo(fd, PortOf(listener));
          }},
         {"a failed connect selected first",
-         {1, 0, 0, 0, 0},
+         {0, 0, 0, 0, 1, 0},
          [](Scene& s) { FailConnect(s, true); }},
         {"a failed connect selected after",
-         {1, 0, 0, 0, 0},
+         {0, 0, 0, 0, 1, 0},
          [](Scene& s) { FailConnect(s, false); }},
         {"a peer's close once, after the data that remained",
-         {0, 0, 3, 0, 1},
+         {3, 0, 0, 0, 0, 1},
          [](Scene& s) {
-             Pair p = s.Connected();
+             Pair p = s.KeepPair();
              ASSERT_EQ(::send(p.server, "hello", 5, 0), 5);
              ::shutdown(p.server, SHUT_WR);
              std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -279,7 +263,7 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              ASSERT_EQ(s.Select(p.client, rtos::kFdRead | rtos::kFdClose), 0);
          }},
         {"a reset once, as a close with its error",
-         {0, 0, 0, 0, 1},
+         {0, 0, 0, 0, 0, 1},
          [](Scene& s) {
              Pair p = Connected();
              ASSERT_EQ(s.Select(s.Keep(p.client), rtos::kFdRead | rtos::kFdClose), 0);
@@ -290,7 +274,7 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              s.error = ECONNRESET;
          }},
         {"a datagram socket: writable once, read while datagrams wait",
-         {0, 0, 2, 1, 0},
+         {2, 1, 0, 0, 0, 0},
          [](Scene& s) {
              const int rx = s.Keep(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
              sockaddr_in a = Loopback(0);
@@ -305,10 +289,10 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              s.w.onEvent = ReadEach(16);
          }},
         {"nothing after a cancel, queued or new",
-         {0, 0, 1, 0, 0},
+         {1, 0, 0, 0, 0, 0},
          [](Scene& s) {
-             Pair a = s.Connected();
-             Pair b = s.Connected();
+             Pair a = s.KeepPair();
+             Pair b = s.KeepPair();
              s.w.onEvent = ReadEach(1);
              ASSERT_EQ(s.w.Select(a.client, rtos::kFdRead), 0);
              ASSERT_EQ(s.w.Select(b.client, rtos::kFdRead), 0);
@@ -325,7 +309,7 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
              ASSERT_EQ(::send(aFirst ? b.server : a.server, "z", 1, 0), 1);
          }},
     };
-    for (const Rule& rule : rules) {
+    for (const auto& rule : rules) {
         SCOPED_TRACE(rule.name);
         Scene s;
         s.want = rule.want;
@@ -337,10 +321,10 @@ TEST(PumpSelect, EachEventIsReportedByItsRuleAndNothingElse) {
             EXPECT_EQ(e.fd, s.selected);
             EXPECT_EQ(e.error, e.event == s.errorEvent ? s.error : 0) << "event " << e.event;
         }
-        if (s.want[0] && !s.w.events.empty()) {
+        if (!s.w.events.empty() && s.want[kConnect]) {
             EXPECT_EQ(s.w.events.front().event, rtos::kFdConnect) << "connect comes first";
         }
-        if (s.want[4] && !s.w.events.empty()) {
+        if (!s.w.events.empty() && s.want[kClose]) {
             EXPECT_EQ(s.w.events.back().event, rtos::kFdClose) << "nothing after the close";
         }
         for (int fd : s.fds) {
@@ -353,15 +337,15 @@ TEST(PumpSelect, WriteIsReportedFirstAndAgainOnlyAfterAWouldBlock) {
     Pair p = Connected();
     SocketWindow w;
     ASSERT_EQ(w.Select(p.client, rtos::kFdWrite | rtos::kFdClose), 0);
-    ASSERT_TRUE(w.PumpUntil([&] { return w.Tally()[3] == 1; }));
+    ASSERT_TRUE(w.PumpUntil([&] { return w.Tally()[kWrite] == 1; }));
     w.PumpFor(100);
-    EXPECT_EQ(w.Tally()[3], 1) << "an idle writable socket is told once";
+    EXPECT_EQ(w.Tally()[kWrite], 1) << "an idle writable socket is told once";
 
     // Room that comes back after an unannounced would-block is not reported.
     size_t filled = FillUntilWouldBlock(p.client);
     ReadExactly(p.server, filled);
     w.PumpFor(150);
-    EXPECT_EQ(w.Tally()[3], 1);
+    EXPECT_EQ(w.Tally()[kWrite], 1);
 
     // Announced (from another thread, as a sender may be): reported once. The
     // acknowledgements still on their way free room of their own: fill again
@@ -373,9 +357,9 @@ TEST(PumpSelect, WriteIsReportedFirstAndAgainOnlyAfterAWouldBlock) {
     }
     std::thread([&] { rtos::SocketSendWouldBlock(p.client); }).join();
     w.PumpFor(50);
-    EXPECT_EQ(w.Tally()[3], 1) << "no room yet";
+    EXPECT_EQ(w.Tally()[kWrite], 1) << "no room yet";
     std::thread reader([&] { ReadExactly(p.server, filled); });
-    ASSERT_TRUE(w.PumpUntil([&] { return w.Tally()[3] == 2; }));
+    ASSERT_TRUE(w.PumpUntil([&] { return w.Tally()[kWrite] == 2; }));
     reader.join();
     w.PumpFor(100);
     EXPECT_EQ(w.events.size(), 2u);
@@ -386,35 +370,42 @@ TEST(PumpSelect, WriteIsReportedFirstAndAgainOnlyAfterAWouldBlock) {
 
 TEST(PumpSelect, BadArgumentsFailWithTheirErrors) {
     SocketWindow w;
-    EXPECT_EQ(w.Select(-1), -1);
-    EXPECT_EQ(errno, EBADF);
+    Pair p = Connected();
     int pipes[2];
     ASSERT_EQ(::pipe(pipes), 0);
-    EXPECT_EQ(w.Select(pipes[0]), -1);
-    EXPECT_EQ(errno, ENOTSOCK);
-    ::close(pipes[0]);
-    ::close(pipes[1]);
-
-    Pair p = Connected();
-    EXPECT_EQ(rtos::SocketAsyncSelect(p.client, nullptr, kSockMsg, kAll), -1);
-    EXPECT_EQ(errno, EBADF);
-    int err = 0;
-    std::thread([&] {
-        EXPECT_EQ(w.Select(p.client), -1) << "another thread's window";
-        err = errno;
-    }).join();
-    EXPECT_EQ(err, EPERM);
+    // errno after a failed call, 0 after a success; cleared for the next row.
+    auto errorOf = [](int aResult) {
+        const int err = aResult == 0 ? 0 : errno;
+        errno = 0;
+        return err;
+    };
+    int otherWindow = 0, otherThread = 0;
+    std::thread([&] { otherWindow = errorOf(w.Select(p.client)); }).join();
     ASSERT_EQ(w.Select(p.client), 0);
     std::thread([&] {
         SocketWindow mine;
-        EXPECT_EQ(mine.Select(p.client), -1) << "selected on another thread";
-        err = errno;
+        otherThread = errorOf(mine.Select(p.client));
     }).join();
-    EXPECT_EQ(err, EBUSY);
-    EXPECT_EQ(w.Select(p.client, 0), 0);
+    const struct {
+        const char* what;
+        int error;
+        int want;
+    } cases[] = {
+        {"another thread's window", otherWindow, EPERM},
+        {"selected by another thread", otherThread, EBUSY},
+        {"no socket", errorOf(w.Select(-1)), EBADF},
+        {"a pipe", errorOf(w.Select(pipes[0])), ENOTSOCK},
+        {"no window", errorOf(rtos::SocketAsyncSelect(p.client, nullptr, kSockMsg, kAll)), EBADF},
+        {"cancel", errorOf(w.Select(p.client, 0)), 0},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.error, c.want) << c.what;
+    }
     ::close(p.client);
     EXPECT_EQ(w.Select(p.client, 0), -1) << "a closed socket that was not selected";
-    ::close(p.server);
+    for (int fd : {pipes[0], pipes[1], p.server}) {
+        ::close(fd);
+    }
 }
 
 TEST(PumpSelect, AnIdleThreadSleepsAndLeavesNoDescriptorsWhenItEnds) {
@@ -426,7 +417,7 @@ TEST(PumpSelect, AnIdleThreadSleepsAndLeavesNoDescriptorsWhenItEnds) {
         w.onEvent = ReadEach(1);
         ASSERT_EQ(w.Select(p.client), 0);
         ASSERT_EQ(::send(p.server, "q", 1, 0), 1);
-        ASSERT_TRUE(w.PumpUntil([&] { return w.Tally()[2] == 1; }));
+        ASSERT_TRUE(w.PumpUntil([&] { return w.Tally()[kRead] == 1; }));
         timespec t0, t1;
         ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t0);
         w.PumpFor(500);

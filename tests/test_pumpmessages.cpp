@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -163,47 +162,42 @@ TEST(PumpWindows, ClassesWindowsAndSlotsRefuseWhatTheyCannotDoWithTheirErrors) {
 
 TEST(PumpMessages, PostsFromManyThreadsRunOnlyOnTheOwnerInEachSendersOrder) {
     Recorder rec;
-    rtos::WindowHandle wnd = nullptr;
-    uint32_t tid = 0;
-    int exitCode = -1;
-    std::promise<void> ready;
-    std::thread loop([&] {
-        tid = rtos::CurrentThreadId();
-        wnd = NewWindow(&rec);
-        ready.set_value();
-        rtos::Message msg;
-        while (rtos::MessageGet(&msg) > 0) {
-            rtos::MessageDispatch(&msg);
-        }
-        exitCode = static_cast<int>(msg.wParam);
-    });
-    ready.get_future().wait();
+    rtos::WindowHandle wnd = NewWindow(&rec);
     constexpr int kSenders = 4;
     constexpr int kEach = 5000;
     std::vector<std::thread> senders;
+    int err = 0;
     for (int s = 0; s < kSenders; ++s) {
         senders.emplace_back([&, s] {
+            if (s == 0) {  // dispatching another thread's window is refused: it would run here
+                rtos::Message foreign{wnd, kMsgData, 0, 0};
+                EXPECT_EQ(rtos::MessageDispatch(&foreign), 0);
+                err = errno;
+            }
             for (int i = 0; i < kEach; ++i) {
                 ASSERT_TRUE(rtos::WindowPostMessage(wnd, kMsgData, s, i));
             }
         });
     }
-    // Dispatching another thread's window is refused: it would run here.
-    rtos::Message foreign{wnd, kMsgData, 0, 0};
-    EXPECT_EQ(rtos::MessageDispatch(&foreign), 0);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(rtos::MessageDispatch(nullptr), 0);
-    for (auto& t : senders) {
-        t.join();
+    std::thread closer([&] {
+        for (auto& t : senders) {
+            t.join();
+        }
+        rtos::WindowPostMessage(wnd, kMsgQuitLoop, 42, 0);  // after all the data
+    });
+    rtos::Message msg;
+    while (rtos::MessageGet(&msg) > 0) {
+        rtos::MessageDispatch(&msg);
     }
-    ASSERT_TRUE(rtos::WindowPostMessage(wnd, kMsgQuitLoop, 42, 0));  // after all the data
-    loop.join();
-    EXPECT_EQ(exitCode, 42) << "the loop ends with the code given to quit";
+    closer.join();
+    EXPECT_EQ(msg.wParam, 42u) << "the loop ends with the code given to quit";
+    EXPECT_EQ(err, EBADF);
+    EXPECT_EQ(rtos::MessageDispatch(nullptr), 0);
 
     std::vector<intptr_t> next(kSenders, 0);
     for (const Seen& s : rec.m_seen) {
         if (s.msg == kMsgData) {
-            EXPECT_EQ(s.tid, tid);
+            EXPECT_EQ(s.tid, rtos::CurrentThreadId());
             EXPECT_EQ(s.hwnd, wnd);
             ASSERT_LT(s.wParam, static_cast<uintptr_t>(kSenders));
             ASSERT_EQ(s.lParam, next[s.wParam]) << "sender " << s.wParam << " out of order";
@@ -211,27 +205,42 @@ TEST(PumpMessages, PostsFromManyThreadsRunOnlyOnTheOwnerInEachSendersOrder) {
         }
     }
     EXPECT_EQ(next, std::vector<intptr_t>(kSenders, kEach));
+    EXPECT_TRUE(rtos::WindowDestroy(wnd));
 }
 
-TEST(PumpMessages, DestroyDeliversWmDestroyAtOnceAndDropsWhatWasQueued) {
+// Timers and destruction are the owner's; what either ends delivers nothing.
+TEST(PumpWindows, TimerIdsAreChosenAndKilledAndDestroyDropsWhatWasQueued) {
     Recorder rec;
     rtos::WindowHandle wnd = NewWindow(&rec);
-    ASSERT_NE(rtos::WindowSetTimer(wnd, 5, 10), 0u);
+    const uintptr_t first = rtos::WindowSetTimer(wnd, 0, 10);
+    const uintptr_t second = rtos::WindowSetTimer(wnd, 0, 10);
+    EXPECT_NE(first, 0u);
+    EXPECT_NE(second, 0u);
+    EXPECT_NE(first, second);
+    EXPECT_TRUE(rtos::WindowKillTimer(wnd, first));
+    EXPECT_TRUE(rtos::WindowKillTimer(wnd, second));
+    EXPECT_EQ(ErrorOf(rtos::WindowKillTimer(wnd, second)), EINVAL);
+    rtos::SleepMs(40);
+    EXPECT_EQ(DrainPending(), 0) << "killed timers are silent";
+
+    ASSERT_EQ(rtos::WindowSetTimer(wnd, 5, 10), 5u);
     ASSERT_TRUE(rtos::WindowPostMessage(wnd, kMsgData, 1, 0));
-    int err = 0;
+    int setErr = 0, destroyErr = 0;
     std::thread([&] {
         ASSERT_TRUE(rtos::WindowPostMessage(wnd, kMsgData, 2, 0));
-        err = ErrorOf(rtos::WindowDestroy(wnd));
+        setErr = ErrorOf(rtos::WindowSetTimer(wnd, 3, 10));
+        destroyErr = ErrorOf(rtos::WindowDestroy(wnd));
     }).join();
-    EXPECT_EQ(err, EPERM) << "only the owner may destroy";
-
+    EXPECT_EQ(setErr, EPERM);
+    EXPECT_EQ(destroyErr, EPERM);
     ASSERT_TRUE(rtos::WindowDestroy(wnd));
-    ASSERT_EQ(rec.m_seen.size(), 1u);
+    ASSERT_EQ(rec.m_seen.size(), 1u) << "WM_DESTROY at once, and nothing else";
     EXPECT_EQ(rec.m_seen[0].msg, rtos::kWmDestroy);
     EXPECT_FALSE(rtos::WindowDestroy(wnd));
     rtos::SleepMs(40);  // the timer would be due by now
     EXPECT_EQ(DrainPending(), 0) << "queued messages and timers went with the window";
     EXPECT_EQ(ErrorOf(rtos::WindowPostMessage(wnd, kMsgData, 3, 0)), EBADF);
+    EXPECT_EQ(rtos::WindowSetTimer(wnd, 1, 10), 0u);
 }
 
 TEST(PumpTimers, ADueTimerIsReportedOnceHoweverLongItWaitedThenKeepsTicking) {
@@ -257,28 +266,6 @@ TEST(PumpTimers, ADueTimerIsReportedOnceHoweverLongItWaitedThenKeepsTicking) {
     EXPECT_EQ(timers, 5);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
     EXPECT_TRUE(rtos::WindowDestroy(wnd));
-}
-
-TEST(PumpTimers, IdsAreChosenKilledAndCheckedByTheOwner) {
-    Recorder rec;
-    rtos::WindowHandle wnd = NewWindow(&rec);
-    const uintptr_t first = rtos::WindowSetTimer(wnd, 0, 10);
-    const uintptr_t second = rtos::WindowSetTimer(wnd, 0, 10);
-    EXPECT_NE(first, 0u);
-    EXPECT_NE(second, 0u);
-    EXPECT_NE(first, second);
-    uintptr_t elsewhere = 1;
-    std::thread([&] { elsewhere = rtos::WindowSetTimer(wnd, 3, 10); }).join();
-    EXPECT_EQ(elsewhere, 0u);
-
-    EXPECT_TRUE(rtos::WindowKillTimer(wnd, first));
-    EXPECT_TRUE(rtos::WindowKillTimer(wnd, second));
-    EXPECT_EQ(ErrorOf(rtos::WindowKillTimer(wnd, second)), EINVAL);
-    rtos::SleepMs(40);
-    EXPECT_EQ(DrainPending(), 0);
-    EXPECT_EQ(rec.Count(rtos::kWmTimer), 0u);
-    EXPECT_TRUE(rtos::WindowDestroy(wnd));
-    EXPECT_EQ(rtos::WindowSetTimer(wnd, 1, 10), 0u);
 }
 
 TEST(PumpTimers, AStreamOfPostsDoesNotStarveTheTimer) {
