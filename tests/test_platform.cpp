@@ -1,7 +1,7 @@
-// The platform layer (rtos.h): identity, clocks, kernel objects, threads and
-// the debugger output, with the results the framework relies on. Locks, the
-// framework's clocks and its semaphores and events are tested through their
-// wrappers in test_sync and test_timevalue.
+// The platform layer (rtos.h): identity, clocks, kernel objects and the
+// debugger output, with the results the framework relies on. Locks, threads
+// and the framework's clocks, semaphores and events are also tested through
+// their wrappers in test_sync, test_thread and test_timevalue.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -226,54 +226,6 @@ TEST(Platform, EventsResetPulseAndReleaseWaitersOldestFirst) {
     EXPECT_EQ(lastPos, 1);
     EXPECT_TRUE(rtos::HandleClose(manual));
     EXPECT_TRUE(rtos::HandleClose(autoEv));
-}
-
-namespace {
-
-struct ThreadArgs {
-    rtos::Handle release;  // the thread waits on it before ending
-    std::atomic<uint32_t> tid{0};
-    std::atomic<bool> ended{false};
-};
-
-unsigned BlockUntilReleased(void* aArg) {
-    ThreadArgs* args = static_cast<ThreadArgs*>(aArg);
-    args->tid = rtos::CurrentThreadId();
-    rtos::HandleWait(args->release, rtos::kInfinite);
-    args->ended = true;
-    return 0;
-}
-
-}  // namespace
-
-// A thread is never terminated: abandoned it can still be waited for, closed
-// it runs to its end; its handle is signalled when it ends and stays so.
-TEST(Platform, ThreadsRunToTheirEndWhateverBecomesOfTheirHandles) {
-    ThreadArgs waited, closed;
-    waited.release = closed.release = rtos::EventCreate(true, false, nullptr);
-    uint32_t tid = 0;
-    rtos::Handle thread = rtos::ThreadCreate(&BlockUntilReleased, &waited, &tid);
-    ASSERT_NE(thread, nullptr);
-    EXPECT_NE(tid, 0u);
-    EXPECT_NE(tid, rtos::CurrentThreadId());
-    rtos::Handle other = rtos::ThreadCreate(&BlockUntilReleased, &closed, nullptr);
-    ASSERT_NE(other, nullptr);
-    EXPECT_TRUE(rtos::HandleClose(other));  // still running: detached
-
-    EXPECT_EQ(rtos::HandleWait(thread, 50), rtos::kWaitTimeout);
-    EXPECT_EQ(waited.tid.load(), tid);
-    rtos::SetLastError(0);
-    EXPECT_FALSE(rtos::ThreadAbandon(thread));
-    EXPECT_EQ(rtos::LastError(), kErrBusy);
-    EXPECT_FALSE(waited.ended);
-
-    rtos::EventSet(waited.release);
-    EXPECT_EQ(rtos::HandleWait(thread, 30000), rtos::kWaitSignalled);
-    EXPECT_TRUE(waited.ended);
-    EXPECT_EQ(rtos::HandleWait(thread, 0), rtos::kWaitSignalled) << "stays signalled";
-    EXPECT_TRUE(rtos::HandleClose(thread));
-    EXPECT_TRUE(WaitUntil([&] { return closed.ended.load(); }));
-    rtos::HandleClose(waited.release);
 }
 
 namespace {
