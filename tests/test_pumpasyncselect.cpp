@@ -53,10 +53,11 @@ public:
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(aMs);
         rtos::Message msg;
         while (!aDone() && std::chrono::steady_clock::now() < end) {
-            pollfd p{rtos::MessageQueueFd(), POLLIN, 0};
-            ::poll(&p, 1, 20);
-            while (rtos::MessagePeek(&msg)) {
+            if (rtos::MessagePeek(&msg)) {
                 rtos::MessageDispatch(&msg);
+            } else {
+                pollfd p{rtos::MessageQueueFd(), POLLIN, 0};
+                ::poll(&p, 1, 20);
             }
         }
         return aDone();
