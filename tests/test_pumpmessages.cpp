@@ -348,7 +348,9 @@ TEST(PumpLifetime, ThreadsReleaseTheirQueuesWindowsAndDescriptors) {
                 ASSERT_NE(rtos::WindowSetTimer(a, 1, 10), 0u);
                 ASSERT_TRUE(rtos::WindowPostMessage(b, kMsgData, 0, 0));
                 EXPECT_GE(rtos::MessageQueueFd(), 0);
-                left = t == 0 ? b : left;
+                if (t == 0) {
+                    left = b;
+                }
                 // Ends with its windows, timer and queued message still there.
             });
         }
