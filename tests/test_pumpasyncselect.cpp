@@ -68,8 +68,9 @@ public:
     }
     Counts Tally() const {
         Counts n{};
-        for (const SockEvent& e : events) {
-            ++n.at(static_cast<size_t>(__builtin_ctzl(static_cast<unsigned long>(e.event))));
+        for (const SockEvent& e : events) {  // an event of no bit throws
+            const auto bit = static_cast<unsigned long>(e.event);
+            ++n.at(bit ? static_cast<size_t>(__builtin_ctzl(bit)) : n.size());
         }
         return n;
     }

@@ -150,6 +150,12 @@ TEST_F(AsyncLookup, AnswersEachRequestAndRefusesMissingArguments) {
 // buffers are freed at once, so ASan reports a late write into one.
 TEST_F(AsyncLookup, ACancelledRequestOrAGoneWindowGetsNoAnswerAndNoWrite) {
     rtos::SetHostLookup(&FakeLookup);
+    Gate& gate = TheGate();
+    {
+        std::lock_guard<std::mutex> lock(gate.lock);
+        gate.open = false;
+        gate.passed = 0;
+    }
     rtos::WindowHandle gone = rtos::WindowCreate("AsyncLookupTest");
     constexpr int kRequests = 8;  // and one more, to the window that goes
     std::vector<std::unique_ptr<char[]>> bufs;
@@ -167,7 +173,6 @@ TEST_F(AsyncLookup, ACancelledRequestOrAGoneWindowGetsNoAnswerAndNoWrite) {
     }
     ASSERT_TRUE(rtos::WindowDestroy(gone));
     {
-        Gate& gate = TheGate();
         std::unique_lock<std::mutex> lock(gate.lock);
         gate.open = true;
         gate.cond.notify_all();
