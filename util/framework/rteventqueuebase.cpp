@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <new>
+#include <thread>
 
 #include "rtclock.h"
 #include "rtdebug.h"
@@ -430,8 +431,10 @@ int CRtEventSync::WaitResultAndDeleteThis() {
     // that long before it sleeps. On a virtual machine whose host halts an idle
     // core, waking a sleeping sender took tens of microseconds, ten times the
     // round trip itself. The event is still waited on, to take its signal.
+    // With a single core the answer cannot come while the sender polls.
+    static const bool s_bPoll = std::thread::hardware_concurrency() > 1;
     const auto until = std::chrono::steady_clock::now() + kAwakeWait;
-    while (!m_bAnswered.load(std::memory_order_acquire) &&
+    while (s_bPoll && !m_bAnswered.load(std::memory_order_acquire) &&
            std::chrono::steady_clock::now() < until) {
     }
     int rv = m_pSendEvent->Wait(nullptr);
